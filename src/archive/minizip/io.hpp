@@ -1,0 +1,47 @@
+// The I/O function table under the zip layer: open, read, write, tell, seek, close,
+// testerror and truncate over an opaque stream, with 32-bit positions as in the zip format.
+#pragma once
+
+#include <cstdint>
+
+namespace QOB::MiniZip {
+
+// Open mode bits.
+inline constexpr int kOpenRead = 1;
+inline constexpr int kOpenWrite = 2;
+inline constexpr int kOpenReadWriteFilter = 3;
+inline constexpr int kOpenExisting = 4;
+inline constexpr int kOpenCreate = 8;
+
+// Seek origins.
+inline constexpr int kSeekSet = 0;
+inline constexpr int kSeekCur = 1;
+inline constexpr int kSeekEnd = 2;
+
+using OpenFn = void* (*)(void* opaque, const char* utf8Name, int mode);
+using ReadFn = std::uint32_t (*)(void* opaque, void* stream, void* buffer, std::uint32_t size);
+using WriteFn = std::uint32_t (*)(void* opaque, void* stream, const void* buffer,
+                                  std::uint32_t size);
+using TellFn = long (*)(void* opaque, void* stream);
+using SeekFn = long (*)(void* opaque, void* stream, std::uint32_t offset, int origin);
+using CloseFn = int (*)(void* opaque, void* stream);
+using TestErrorFn = int (*)(void* opaque, void* stream);
+using TruncateFn = int (*)(void* opaque, void* stream, std::uint32_t newSize);
+
+// Slot order is fixed: open, read, write, tell, seek, close, testerror, truncate, opaque.
+struct zlib_filefunc_def {
+    OpenFn zopen_file = nullptr;
+    ReadFn zread_file = nullptr;
+    WriteFn zwrite_file = nullptr;
+    TellFn ztell_file = nullptr;
+    SeekFn zseek_file = nullptr;
+    CloseFn zclose_file = nullptr;
+    TestErrorFn zerror_file = nullptr;
+    TruncateFn ztruncate_file = nullptr;
+    void* opaque = nullptr;
+};
+
+// The table over the operating system's files (the platform layer).
+zlib_filefunc_def PlatformFileFunctions() noexcept;
+
+} // namespace QOB::MiniZip
