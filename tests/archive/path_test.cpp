@@ -1,0 +1,110 @@
+#include "archive/path.hpp"
+
+#include "common/test_files.hpp"
+#include "support/exception.hpp"
+#include "support/log.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <random>
+#include <system_error>
+
+namespace {
+
+TEST(PathTest, SanitizesAndLogsOnlyWhenChanged) {
+    struct Case {
+        const char* text;
+        const char* sanitized;
+    };
+    const Case cases[] = {
+        {"Settings\\a.xml", "Settings/a.xml"},
+        {"a/./b//c", "a/b/c"},
+        {"a/b/../c", "a/c"},
+        {"a/..", "."},
+        {"a/.", "a/"},
+        {"a/b/..", "a/"},
+        {"../x", "../x"},
+        {"../", ".."},
+        {"1:x", "1:x"},
+        {"", ""},
+        {"Settings/a.xml", "Settings/a.xml"},
+        {"caf\xC3\xA9/x", "caf\xC3\xA9/x"},
+    };
+    for (const auto& c : cases) {
+        qobtest::LogCapture log(&QOB::SetLogSink);
+        const QOB::Path path(c.text);
+        EXPECT_EQ(path.Given(), c.text);
+        EXPECT_EQ(path.Sanitized(), c.sanitized) << c.text;
+        EXPECT_STREQ(path.CStr(), c.sanitized);
+        const bool changed = std::string(c.text) != c.sanitized;
+        ASSERT_EQ(log.lines.size(), changed ? 1u : 0u) << c.text;
+        if (changed) {
+            EXPECT_EQ(log.lines[0].text,
+                      std::string("[QOB][WARN ] Path: sanitized to \"") + c.sanitized + "\"");
+        }
+    }
+}
+
+TEST(PathTest, RejectsAbsoluteAndBadText) {
+    for (const char* text : {"/x", "\\x", "C:x", "c:/x", "z:", "//server/share"}) {
+        try {
+            QOB::Path path(text);
+            ADD_FAILURE() << text;
+        } catch (const QOB::Exception& e) {
+            EXPECT_EQ(e.code(), INVALID_PARAMETER);
+            EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] cannot use absolute path inside archive");
+        }
+    }
+    for (const char* text : {"a\xFF", "\xC0\xAF", "\xED\xA0\x80", "a\xE2\x82"}) {
+        EXPECT_THROW(QOB::Path path(text), std::system_error) << text;
+    }
+}
+
+TEST(PathTest, CheckEntryPathField) {
+    EXPECT_NO_THROW(QOB::CheckEntryPathField("a.xml"));
+    try {
+        QOB::CheckEntryPathField(nullptr);
+        ADD_FAILURE();
+    } catch (const QOB::Exception& e) {
+        EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] entry path is null");
+    }
+    std::string field(QOB_MAX_PATH, 'x');
+    try {
+        QOB::CheckEntryPathField(field.data());
+        ADD_FAILURE();
+    } catch (const QOB::Exception& e) {
+        EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] missing null terminator in entry path");
+    }
+    field[QOB_MAX_PATH - 1] = '\0';
+    EXPECT_NO_THROW(QOB::CheckEntryPathField(field.data()));
+}
+
+#ifndef _WIN32
+// On POSIX the standard library's generic normal form is the reference for relative paths.
+TEST(PathTest, MatchesStandardNormalForm) {
+    const char* parts[] = {"a", "bc", ".", "..", "", "1:x", "...", ".a"};
+    std::mt19937 engine(7);
+    QOB::SetLogSink([](int, const char*, void*) {}, nullptr);
+    for (int round = 0; round < 20000; ++round) {
+        std::string text = parts[engine() % 8];
+        const int count = static_cast<int>(engine() % 6);
+        for (int i = 0; i < count; ++i) {
+            text += '/';
+            text += parts[engine() % 8];
+        }
+        if (text.empty() || text[0] == '/') {
+            continue;
+        }
+        const QOB::Path path(text);
+        std::string expected = std::filesystem::path(text).lexically_normal().generic_string();
+        if (expected.empty()) {
+            expected = ".";
+        }
+        EXPECT_EQ(path.Sanitized(), expected) << text;
+    }
+    QOB::SetLogSink(nullptr, nullptr);
+}
+#endif
+
+} // namespace
