@@ -58,7 +58,9 @@ LogCapture::LogCapture(SetSinkFn set) : set_(set) {
     lines.clear(); // drop the "logging is ready" announcement
 }
 
-LogCapture::~LogCapture() { set_(nullptr, nullptr); }
+void SilentSink(int, const char*, void*) {}
+
+LogCapture::~LogCapture() { set_(&SilentSink, nullptr); }
 
 void LogCapture::Sink(int level, const char* text, void* user) {
     static_cast<LogCapture*>(user)->lines.push_back({level, text});

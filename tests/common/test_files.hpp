@@ -36,7 +36,10 @@ struct LogLine {
 
 using SetSinkFn = void (*)(QobLogFn, void*);
 
-// Installs itself as the log sink for its lifetime and records every line.
+// Drops every line: the sink test programs run with, so that their output stays readable.
+void SilentSink(int level, const char* text, void* user);
+
+// Installs itself as the log sink for its lifetime and records every line; then silence.
 class LogCapture {
 public:
     explicit LogCapture(SetSinkFn set);

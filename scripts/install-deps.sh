@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs, from Debian's packages, whatever this machine lacks to build and test qob.
+# Runs as root (or through sudo); idempotent; never asks anything.
+set -euo pipefail
+
+packages=(
+  cmake make g++ pkg-config zlib1g-dev libgtest-dev googletest libbenchmark-dev
+  g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
+  python3 unzip zip p7zip-full libarchive-tools
+)
+if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
+  packages+=(clang libclang-rt-14-dev)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+
+if ((${#missing[@]} == 0)); then
+  echo "install-deps: everything is installed"
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then
+  sudo=(sudo)
+fi
+export DEBIAN_FRONTEND=noninteractive
+# A partial index failure (a mirror in sync) must not stop us; the install says what is missing.
+"${sudo[@]}" apt-get update -q || true
+"${sudo[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"

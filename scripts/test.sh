@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Sets up a fresh machine and runs every test: the native build, the Windows build under
+# Wine, and the native build again under AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=${QOB_BUILD_DIR:-$root/build}
+jobs=${QOB_JOBS:-$(nproc)}
+
+"$root/scripts/install-deps.sh"
+
+export WINEPREFIX=${WINEPREFIX:-$build/wineprefix}
+export CTEST_OUTPUT_ON_FAILURE=1
+
+configure_and_build() {
+  local dir=$1
+  shift
+  cmake -S "$root" -B "$dir" -DQOB_BUILD_TESTS=ON "$@"
+  cmake --build "$dir" -j "$jobs"
+}
+
+failed=()
+run_suite() {
+  local name=$1 dir=$2
+  echo "=== $name ==="
+  ctest --test-dir "$dir" -j "$jobs" --timeout 900 || failed+=("$name")
+}
+
+configure_and_build "$build/native"
+run_suite "native (Linux, libqob.so)" "$build/native"
+
+configure_and_build "$build/windows" \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake"
+WINEDEBUG=-all wineboot --init >/dev/null 2>&1 || true
+run_suite "windows (qob.dll under Wine)" "$build/windows"
+
+configure_and_build "$build/sanitize" -DQOB_SANITIZE=ON
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  run_suite "native with address,undefined sanitizers" "$build/sanitize"
+
+if ((${#failed[@]} > 0)); then
+  printf 'FAILED suite: %s\n' "${failed[@]}" >&2
+  exit 1
+fi

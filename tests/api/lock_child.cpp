@@ -1,0 +1,64 @@
+// A second host process for the machine-wide lock tests. It does its work from the log sink
+// on the "call:" line, which the library writes while it holds the lock.
+//   lock_child append FILE TAG COUNT   append COUNT lines "TAG i" to FILE, slowly
+//   lock_child die FILE                write "holding" to FILE, then die without unlocking
+#include <qob/qob.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+
+namespace {
+
+std::string g_mode, g_file, g_tag;
+int g_count = 0;
+
+void Sink(int, const char* text, void*) {
+    if (std::strstr(text, "call: QOB_Constructor") == nullptr) {
+        return;
+    }
+    if (g_mode == "append") {
+        for (int i = 0; i < g_count; ++i) {
+            std::ofstream out(g_file, std::ios::app | std::ios::binary);
+            out << g_tag << ' ' << i << '\n';
+            out.close();
+            std::this_thread::sleep_for(std::chrono::milliseconds(15));
+        }
+    } else if (g_mode == "die") {
+        {
+            std::ofstream out(g_file, std::ios::binary);
+            out << "holding\n";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+#if defined(_WIN32)
+        std::_Exit(9); // the mutex is abandoned, as when the process is killed
+#else
+        std::raise(SIGKILL);
+#endif
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        return 2;
+    }
+    g_mode = argv[1];
+    g_file = argv[2];
+    if (g_mode == "append") {
+        if (argc < 5) {
+            return 2;
+        }
+        g_tag = argv[3];
+        g_count = std::atoi(argv[4]);
+    }
+    QOB_SetLogFn(&Sink, nullptr);
+    QOB_EntryInfo entry;
+    return QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO) == SUCCESS ? 0 : 1;
+}

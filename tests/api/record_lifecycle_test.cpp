@@ -1,0 +1,88 @@
+// QOB_Constructor and QOB_Destructor on every record type.
+#include "common/test_files.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+struct Kind {
+    QOB_ObjectType type;
+    std::size_t size;
+};
+
+const Kind kKinds[] = {
+    {QOB_OBJECT_PACKAGE_INFO, 381176}, {QOB_OBJECT_IMAGE_FILES, 4084},
+    {QOB_OBJECT_UPDATE_ARGS, 385520},  {QOB_OBJECT_ENTRY_INFO, 812},
+    {QOB_OBJECT_CREATE_ARGS, 4344},    {QOB_OBJECT_EXTRACT_ARGS, 1348},
+};
+
+TEST(RecordLifecycle, ConstructorZeroesExactlyTheRecord) {
+    for (const auto& kind : kKinds) {
+        SCOPED_TRACE(kind.size);
+        // One guard byte behind the record must stay untouched.
+        std::vector<unsigned char> bytes(kind.size + 1, 0xAB);
+        ASSERT_EQ(QOB_Constructor(bytes.data(), kind.type), SUCCESS);
+        for (std::size_t i = 0; i < kind.size; ++i) {
+            ASSERT_EQ(bytes[i], 0) << "byte " << i;
+        }
+        EXPECT_EQ(bytes[kind.size], 0xAB);
+        // Nothing owned by a fresh record: destroying it changes nothing.
+        std::vector<unsigned char> copy = bytes;
+        EXPECT_EQ(QOB_Destructor(bytes.data(), kind.type), SUCCESS);
+        EXPECT_EQ(bytes, copy);
+    }
+}
+
+TEST(RecordLifecycle, BadTypesAreRefusedAndLeaveTheRecordAlone) {
+    std::vector<unsigned char> bytes(sizeof(QOB_EntryInfo), 0x5A);
+    for (int type : {6, -1, 100}) {
+        SCOPED_TRACE(type);
+        qobtest::LogCapture log(&QOB_SetLogFn);
+        EXPECT_EQ(QOB_Constructor(bytes.data(), static_cast<QOB_ObjectType>(type)),
+                  INVALID_PARAMETER);
+        EXPECT_TRUE(log.Contains("[INVALID_PARAMETER] invalid QOB_ObjectType variant"));
+        EXPECT_EQ(QOB_Destructor(bytes.data(), static_cast<QOB_ObjectType>(type)),
+                  INVALID_PARAMETER);
+    }
+    EXPECT_EQ(bytes, std::vector<unsigned char>(sizeof(QOB_EntryInfo), 0x5A));
+    EXPECT_EQ(QOB_Constructor(nullptr, static_cast<QOB_ObjectType>(6)), INVALID_POINTER);
+}
+
+TEST(RecordLifecycle, DestructorFreesPackageInfoListsOnce) {
+    auto info = std::make_unique<QOB_PackageInfo>();
+    ASSERT_EQ(QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
+    // Lists as the library hands them out: allocated with the C allocator.
+    info->files.uLccCount = 2;
+    info->files.pLccs = static_cast<QOB_EntryInfo*>(std::calloc(2, sizeof(QOB_EntryInfo)));
+    info->files.uIccCount = 1;
+    info->files.pIccs = static_cast<QOB_EntryInfo*>(std::calloc(1, sizeof(QOB_EntryInfo)));
+    ASSERT_EQ(QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
+    EXPECT_EQ(info->files.uLccCount, 0u);
+    EXPECT_EQ(info->files.pLccs, nullptr);
+    EXPECT_EQ(info->files.uIccCount, 0u);
+    EXPECT_EQ(info->files.pIccs, nullptr);
+    // The second call sees counts of 0: harmless (a double free would show under ASan).
+    EXPECT_EQ(QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
+
+    // Count 0 with a pointer: left untouched.
+    QOB_EntryInfo sentinel;
+    info->files.pLccs = &sentinel;
+    EXPECT_EQ(QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
+    EXPECT_EQ(info->files.pLccs, &sentinel);
+
+    // Other record types never release lists: those belong to the host.
+    auto args = std::make_unique<QOB_CreateArgs>();
+    ASSERT_EQ(QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS), SUCCESS);
+    args->files.uLccCount = 1;
+    args->files.pLccs = &sentinel;
+    EXPECT_EQ(QOB_Destructor(args.get(), QOB_OBJECT_CREATE_ARGS), SUCCESS);
+    EXPECT_EQ(args->files.pLccs, &sentinel);
+    EXPECT_EQ(args->files.uLccCount, 1u);
+}
+
+} // namespace
