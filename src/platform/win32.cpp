@@ -2,6 +2,12 @@
 #include "platform/platform.hpp"
 
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+#include <sys/stat.h>
+#include <sys/types.h>
 #include <windows.h>
 
 namespace QOB::Platform {
@@ -38,6 +44,223 @@ void ProcessLockRelease() noexcept {
     if (g_mutex != nullptr) {
         ::ReleaseMutex(g_mutex);
     }
+}
+
+// The file stream record: the file handle, then the last Win32 error (0 when none).
+struct FileStream {
+    HANDLE handle;
+    std::int32_t error;
+};
+
+namespace {
+
+// UTF-8 to UTF-16 into a heap buffer; null on failure.
+std::unique_ptr<wchar_t[]> Widen(const char* utf8) noexcept {
+    const int count = ::MultiByteToWideChar(CP_UTF8, 0, utf8, -1, nullptr, 0);
+    if (count <= 0) {
+        return nullptr;
+    }
+    std::unique_ptr<wchar_t[]> wide(new (std::nothrow) wchar_t[static_cast<std::size_t>(count)]);
+    if (wide && ::MultiByteToWideChar(CP_UTF8, 0, utf8, -1, wide.get(), count) != count) {
+        wide.reset();
+    }
+    return wide;
+}
+
+FileStream* OpenWith(const char* utf8Name, DWORD access, DWORD share, DWORD disposition) noexcept {
+    if (utf8Name == nullptr) {
+        return nullptr;
+    }
+    const std::unique_ptr<wchar_t[]> name = Widen(utf8Name);
+    if (!name) {
+        return nullptr;
+    }
+    const HANDLE handle = ::CreateFileW(name.get(), access, share, nullptr, disposition,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+        return nullptr;
+    }
+    auto* stream = new (std::nothrow) FileStream{handle, 0};
+    if (stream == nullptr) {
+        ::CloseHandle(handle);
+    }
+    return stream;
+}
+
+void StoreError(FileStream* stream) noexcept {
+    const DWORD error = ::GetLastError();
+    stream->error = error == ERROR_HANDLE_EOF ? 0 : static_cast<std::int32_t>(error);
+}
+
+bool HasHandle(const FileStream* stream) noexcept {
+    return stream->handle != nullptr && stream->handle != INVALID_HANDLE_VALUE;
+}
+
+// Moves the file pointer; false on failure. The position is reported in full.
+bool MovePointer(HANDLE handle, LONG low, LONG high, DWORD method, std::uint64_t* position) {
+    ::SetLastError(NO_ERROR);
+    const DWORD result = ::SetFilePointer(handle, low, &high, method);
+    if (result == INVALID_SET_FILE_POINTER && ::GetLastError() != NO_ERROR) {
+        return false;
+    }
+    if (position != nullptr) {
+        *position = (static_cast<std::uint64_t>(static_cast<DWORD>(high)) << 32) | result;
+    }
+    return true;
+}
+
+} // namespace
+
+FileStream* FileOpen(const char* utf8Name, int mode) noexcept {
+    if ((mode & 3) == 1) {
+        return OpenWith(utf8Name, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    }
+    if ((mode & 4) != 0) {
+        return OpenWith(utf8Name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                        OPEN_EXISTING);
+    }
+    if ((mode & 8) != 0) {
+        return OpenWith(utf8Name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                        CREATE_ALWAYS);
+    }
+    return nullptr;
+}
+
+FileStream* FileOpenReadOnly(const char* utf8Name) noexcept {
+    return OpenWith(utf8Name, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+}
+
+std::uint32_t FileRead(FileStream* stream, void* buffer, std::uint32_t size) noexcept {
+    if (stream == nullptr || !HasHandle(stream)) {
+        return 0;
+    }
+    DWORD done = 0;
+    if (!::ReadFile(stream->handle, buffer, size, &done, nullptr)) {
+        StoreError(stream);
+    }
+    return done;
+}
+
+std::uint32_t FileWrite(FileStream* stream, const void* buffer, std::uint32_t size) noexcept {
+    if (stream == nullptr || !HasHandle(stream)) {
+        return 0;
+    }
+    DWORD done = 0;
+    if (!::WriteFile(stream->handle, buffer, size, &done, nullptr)) {
+        StoreError(stream);
+    }
+    return done;
+}
+
+long FileTell(FileStream* stream) noexcept {
+    if (stream == nullptr) {
+        return -1;
+    }
+    const DWORD position = ::SetFilePointer(stream->handle, 0, nullptr, FILE_CURRENT);
+    if (position == INVALID_SET_FILE_POINTER) {
+        StoreError(stream);
+        return -1;
+    }
+    // Positions from 2 GiB up arrive negative in a 32-bit long; the zip layer reads the
+    // value back as unsigned.
+    return static_cast<long>(position);
+}
+
+// The offset is a 32-bit value: unsigned from the start, signed from the current position
+// or the end.
+long FileSeek(FileStream* stream, std::uint32_t offset, int origin) noexcept {
+    if (stream == nullptr) {
+        return -1;
+    }
+    DWORD method;
+    LONG high = 0;
+    switch (origin) {
+    case 0:
+        method = FILE_BEGIN;
+        break;
+    case 1:
+        method = FILE_CURRENT;
+        break;
+    case 2:
+        method = FILE_END;
+        break;
+    default:
+        return -1;
+    }
+    if (origin != 0 && (offset & 0x80000000u) != 0) {
+        high = -1;
+    }
+    if (!MovePointer(stream->handle, static_cast<LONG>(offset), high, method, nullptr)) {
+        StoreError(stream);
+        return -1;
+    }
+    return 0;
+}
+
+int FileClose(FileStream* stream) noexcept {
+    if (stream == nullptr) {
+        return -1;
+    }
+    const int result = HasHandle(stream) ? 0 : -1;
+    if (result == 0) {
+        ::CloseHandle(stream->handle);
+    }
+    delete stream;
+    return result;
+}
+
+int FileError(FileStream* stream) noexcept {
+    return stream != nullptr ? stream->error : -1;
+}
+
+int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept {
+    if (stream == nullptr) {
+        return -7;
+    }
+    if (!HasHandle(stream)) {
+        return -2;
+    }
+    std::uint64_t position = 0;
+    if (!MovePointer(stream->handle, 0, 0, FILE_CURRENT, &position)) {
+        StoreError(stream);
+        return -3;
+    }
+    if (!MovePointer(stream->handle, static_cast<LONG>(newSize), 0, FILE_BEGIN, nullptr)) {
+        StoreError(stream);
+        return -4;
+    }
+    const bool cut = ::SetEndOfFile(stream->handle) != 0;
+    if (!cut) {
+        StoreError(stream);
+    }
+    const bool restored = MovePointer(stream->handle, static_cast<LONG>(position & 0xFFFFFFFFu),
+                                      static_cast<LONG>(position >> 32), FILE_BEGIN, nullptr);
+    if (!cut) {
+        return -5;
+    }
+    return restored ? 0 : -6;
+}
+
+bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept {
+    struct _stat64 status {};
+    if (::_wstat64(path.c_str(), &status) != 0) {
+        return false;
+    }
+    seconds = static_cast<std::int64_t>(status.st_mtime);
+    return true;
+}
+
+std::int64_t CurrentTime() noexcept {
+    return static_cast<std::int64_t>(::_time64(nullptr));
+}
+
+std::tm LocalTime(std::int64_t seconds) noexcept {
+    std::tm result{};
+    const __time64_t value = seconds;
+    if (const std::tm* local = ::_localtime64(&value); local != nullptr) {
+        result = *local;
+    }
+    return result;
 }
 
 } // namespace QOB::Platform

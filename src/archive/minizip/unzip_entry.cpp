@@ -1,0 +1,268 @@
+// Reading the data of the current entry: stored or deflated, bounded by the sizes of its
+// central record, with the CRC-32 checked once everything has been read.
+#include "archive/minizip/bytes.hpp"
+#include "archive/minizip/unzip_state.hpp"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <climits>
+#include <new>
+#include <vector>
+
+namespace QOB::MiniZip {
+namespace {
+
+constexpr std::uint32_t kInputChunk = 16384;
+// Deflate cannot expand a byte into more than 1032 bytes (a 258-byte match per two bits);
+// an entry claiming more is refused before its size is trusted.
+constexpr std::uint64_t kMaxDeflateRatio = 1032;
+
+struct InflateStreamEnd {
+    void operator()(z_stream* stream) const noexcept {
+        inflateEnd(stream);
+        delete stream;
+    }
+};
+
+} // namespace
+
+struct ReadEntry {
+    std::uint16_t method = 0;
+    std::uint64_t position = 0; // file position of the next compressed byte
+    std::uint32_t compressedLeft = 0;
+    std::uint32_t uncompressedLeft = 0;
+    std::uint32_t crc = 0;
+    std::uint32_t expectedCrc = 0;
+    bool streamEnded = false;
+    std::unique_ptr<z_stream, InflateStreamEnd> inflate;
+    std::vector<std::uint8_t> input;
+};
+
+void ReadEntryDelete::operator()(ReadEntry* entry) const noexcept {
+    delete entry;
+}
+
+namespace {
+
+int CheckLocalHeader(UnzReader& reader, const CentralRecord& record, std::uint64_t& dataStart) {
+    const std::uint64_t header = std::uint64_t{record.localHeaderOffset} + reader.end.bytesBefore;
+    if (header + kLocalHeaderSize > reader.end.fileSize) {
+        return UNZ_BADZIPFILE;
+    }
+    std::uint8_t local[kLocalHeaderSize];
+    if (!reader.file.ReadAt(header, local, kLocalHeaderSize)) {
+        return UNZ_ERRNO;
+    }
+    using Bytes::Get16;
+    using Bytes::Get32;
+    if (Get32(local) != kLocalHeaderSignature || Get16(local + 8) != record.method ||
+        Get16(local + 26) != record.name.size()) {
+        return UNZ_BADZIPFILE;
+    }
+    // Without a data descriptor the local header repeats the central CRC and sizes.
+    if ((Get16(local + 6) & kFlagDataDescriptor) == 0 &&
+        (Get32(local + 14) != record.crc || Get32(local + 18) != record.compressedSize ||
+         Get32(local + 22) != record.uncompressedSize)) {
+        return UNZ_BADZIPFILE;
+    }
+    // The local name and extra field may differ from the central ones in length: the data
+    // starts behind the local ones.
+    dataStart = header + kLocalHeaderSize + Get16(local + 26) + Get16(local + 28);
+    if (dataStart + record.compressedSize > reader.end.fileSize) {
+        return UNZ_BADZIPFILE;
+    }
+    return UNZ_OK;
+}
+
+int OpenCurrent(UnzReader& reader) {
+    if (!reader.currentValid) {
+        return UNZ_PARAMERROR;
+    }
+    if (reader.entry) {
+        unzCloseCurrentFile(&reader);
+    }
+    const CentralRecord& record = reader.current;
+    if ((record.flags & kFlagEncrypted) != 0) {
+        return UNZ_BADZIPFILE; // encryption is not supported
+    }
+    if (record.method == 0) {
+        if (record.compressedSize != record.uncompressedSize) {
+            return UNZ_BADZIPFILE;
+        }
+    } else if (record.method == Z_DEFLATED) {
+        if (record.uncompressedSize >
+            (std::uint64_t{record.compressedSize} + 1) * kMaxDeflateRatio) {
+            return UNZ_BADZIPFILE;
+        }
+    } else {
+        return UNZ_BADZIPFILE;
+    }
+    std::uint64_t dataStart = 0;
+    if (const int checked = CheckLocalHeader(reader, record, dataStart); checked != UNZ_OK) {
+        return checked;
+    }
+
+    auto entry = std::make_unique<ReadEntry>();
+    entry->method = record.method;
+    entry->position = dataStart;
+    entry->compressedLeft = record.compressedSize;
+    entry->uncompressedLeft = record.uncompressedSize;
+    entry->expectedCrc = record.crc;
+    if (record.method == Z_DEFLATED) {
+        entry->inflate.reset(new z_stream{});
+        // Raw deflate: the zip headers carry the CRC, so no zlib wrapper.
+        if (inflateInit2(entry->inflate.get(), -MAX_WBITS) != Z_OK) {
+            return UNZ_INTERNALERROR;
+        }
+        entry->input.resize(std::min(kInputChunk, record.compressedSize));
+    }
+    reader.entry.reset(entry.release());
+    return UNZ_OK;
+}
+
+// Hands the inflater the next piece of compressed data; false when none is left or the
+// read fails (then `result` says which).
+bool Refill(UnzReader& reader, ReadEntry& entry, int& result) {
+    if (entry.compressedLeft == 0) {
+        result = UNZ_BADZIPFILE; // the stream needs more than the entry holds
+        return false;
+    }
+    const std::uint32_t chunk = std::min(entry.compressedLeft, kInputChunk);
+    if (!reader.file.ReadAt(entry.position, entry.input.data(), chunk)) {
+        result = UNZ_ERRNO;
+        return false;
+    }
+    entry.position += chunk;
+    entry.compressedLeft -= chunk;
+    entry.inflate->next_in = entry.input.data();
+    entry.inflate->avail_in = chunk;
+    return true;
+}
+
+// Judges one inflate call made with room for output.
+int Inflated(ReadEntry& entry, int zlibResult) noexcept {
+    switch (zlibResult) {
+    case Z_STREAM_END:
+        entry.streamEnded = true;
+        return UNZ_OK;
+    case Z_OK:
+        return UNZ_OK;
+    // No progress was possible: fine only when the input is used up and more can come.
+    case Z_BUF_ERROR:
+        return entry.inflate->avail_in == 0 ? UNZ_OK : UNZ_BADZIPFILE;
+    case Z_MEM_ERROR:
+        return UNZ_INTERNALERROR;
+    default:
+        return UNZ_BADZIPFILE;
+    }
+}
+
+// Inflates exactly `length` bytes into `buffer`. The stream must not end before.
+int InflateInto(UnzReader& reader, ReadEntry& entry, std::uint8_t* buffer, std::uint32_t length) {
+    z_stream& stream = *entry.inflate;
+    stream.next_out = buffer;
+    stream.avail_out = length;
+    while (stream.avail_out > 0) {
+        if (entry.streamEnded) {
+            return UNZ_BADZIPFILE; // ended before the size the directory gives
+        }
+        int result = UNZ_OK;
+        if (stream.avail_in == 0 && !Refill(reader, entry, result)) {
+            return result;
+        }
+        const int inflated = inflate(&stream, Z_SYNC_FLUSH);
+        if (const int checked = Inflated(entry, inflated); checked != UNZ_OK) {
+            return checked;
+        }
+    }
+    return UNZ_OK;
+}
+
+// Once the size the directory gives has been produced the stream must end, without any
+// further output: more output would be data that the directory does not account for.
+int FinishInflate(UnzReader& reader, ReadEntry& entry) {
+    z_stream& stream = *entry.inflate;
+    std::uint8_t spare = 0;
+    while (!entry.streamEnded) {
+        int result = UNZ_OK;
+        if (stream.avail_in == 0 && !Refill(reader, entry, result)) {
+            return result;
+        }
+        stream.next_out = &spare;
+        stream.avail_out = 1;
+        const int inflated = inflate(&stream, Z_SYNC_FLUSH);
+        if (stream.avail_out == 0) {
+            return UNZ_BADZIPFILE;
+        }
+        if (const int checked = Inflated(entry, inflated); checked != UNZ_OK) {
+            return checked;
+        }
+    }
+    return UNZ_OK;
+}
+
+int ReadCurrent(UnzReader& reader, void* buffer, unsigned length) {
+    ReadEntry& entry = *reader.entry;
+    // The count travels back in an int.
+    const auto wanted = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>({length, entry.uncompressedLeft, INT_MAX}));
+    if (wanted == 0) {
+        if (entry.method == Z_DEFLATED && entry.uncompressedLeft == 0) {
+            return FinishInflate(reader, entry);
+        }
+        return 0;
+    }
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    if (entry.method == 0) {
+        if (!reader.file.ReadAt(entry.position, out, wanted)) {
+            return UNZ_ERRNO;
+        }
+        entry.position += wanted;
+        entry.compressedLeft -= wanted;
+    } else if (const int inflated = InflateInto(reader, entry, out, wanted); inflated != UNZ_OK) {
+        return inflated;
+    }
+    entry.uncompressedLeft -= wanted;
+    entry.crc = static_cast<std::uint32_t>(crc32(entry.crc, out, wanted));
+    return static_cast<int>(wanted);
+}
+
+} // namespace
+
+int unzOpenCurrentFile(unzFile file) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    try {
+        return OpenCurrent(*AsReader(file));
+    } catch (const std::bad_alloc&) {
+        return UNZ_INTERNALERROR;
+    }
+}
+
+int unzReadCurrentFile(unzFile file, void* buffer, unsigned length) {
+    if (file == nullptr || !AsReader(file)->entry || (buffer == nullptr && length > 0)) {
+        return UNZ_PARAMERROR;
+    }
+    return ReadCurrent(*AsReader(file), buffer, length);
+}
+
+int unzCloseCurrentFile(unzFile file) {
+    if (file == nullptr || !AsReader(file)->entry) {
+        return UNZ_PARAMERROR;
+    }
+    UnzReader& reader = *AsReader(file);
+    const std::unique_ptr<ReadEntry, ReadEntryDelete> entry = std::move(reader.entry);
+    if (entry->uncompressedLeft != 0) {
+        return UNZ_OK; // closed early: nothing to verify
+    }
+    if (entry->method == Z_DEFLATED) {
+        if (const int finished = FinishInflate(reader, *entry); finished != UNZ_OK) {
+            return finished;
+        }
+    }
+    return entry->crc == entry->expectedCrc ? UNZ_OK : UNZ_CRCERROR;
+}
+
+} // namespace QOB::MiniZip

@@ -1,0 +1,245 @@
+// The zip reader: opening an archive, walking its central directory, locating entries and
+// reporting their information.
+#include "archive/minizip/unzip_state.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <vector>
+
+namespace QOB::MiniZip {
+namespace {
+
+// Reads the central record at `position`, which must lie wholly inside the directory.
+int ReadRecord(UnzReader& reader, std::uint64_t position, CentralRecord& record) {
+    const std::uint64_t directoryEnd = reader.end.DirectoryEnd();
+    std::uint8_t header[kCentralHeaderSize];
+    VariableLengths lengths;
+    if (position + kCentralHeaderSize > directoryEnd) {
+        return UNZ_BADZIPFILE;
+    }
+    if (!reader.file.ReadAt(position, header, kCentralHeaderSize)) {
+        return UNZ_ERRNO;
+    }
+    if (!ParseCentralHeader(header, record, lengths) ||
+        position + kCentralHeaderSize + lengths.Total() > directoryEnd) {
+        return UNZ_BADZIPFILE;
+    }
+    std::vector<std::uint8_t> variable(lengths.Total());
+    if (!reader.file.ReadAt(position + kCentralHeaderSize, variable.data(), lengths.Total())) {
+        return UNZ_ERRNO;
+    }
+    AssignVariableFields(variable.data(), lengths, record);
+    return UNZ_OK;
+}
+
+int GoTo(UnzReader& reader, std::uint32_t index, std::uint64_t position) {
+    reader.currentValid = false;
+    const int result = ReadRecord(reader, position, reader.current);
+    if (result == UNZ_OK) {
+        reader.currentValid = true;
+        reader.index = index;
+        reader.recordPosition = static_cast<std::uint32_t>(position);
+    }
+    return result;
+}
+
+int GoToFirst(UnzReader& reader) {
+    // With no entries the first record position holds the end record instead, so an
+    // empty archive reports a bad file here, as it always has.
+    return GoTo(reader, 0, reader.end.DirectoryStart());
+}
+
+int GoToNext(UnzReader& reader) {
+    if (!reader.currentValid || std::uint32_t{reader.index} + 1 >= reader.end.entryCount) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    return GoTo(reader, reader.index + 1, reader.recordPosition + reader.current.StoredSize());
+}
+
+bool SameNameIgnoringCase(const std::string& stored, const char* wanted, std::size_t length) {
+    if (stored.size() != length) {
+        return false;
+    }
+    const auto fold = [](unsigned char c) {
+        return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
+    };
+    for (std::size_t i = 0; i < length; ++i) {
+        if (fold(static_cast<unsigned char>(stored[i])) !=
+            fold(static_cast<unsigned char>(wanted[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int Locate(UnzReader& reader, const char* name) {
+    const std::size_t length = std::strlen(name);
+    if (length >= UNZ_MAXFILENAMEINZIP) {
+        return UNZ_PARAMERROR;
+    }
+    const bool savedValid = reader.currentValid;
+    const std::uint32_t savedIndex = reader.index;
+    const std::uint32_t savedPosition = reader.recordPosition;
+    CentralRecord saved = reader.current;
+
+    int step = GoToFirst(reader);
+    for (; step == UNZ_OK; step = GoToNext(reader)) {
+        if (SameNameIgnoringCase(reader.current.name, name, length)) {
+            return UNZ_OK;
+        }
+    }
+    reader.currentValid = savedValid;
+    reader.index = savedIndex;
+    reader.recordPosition = savedPosition;
+    reader.current = std::move(saved);
+    return step; // the end of the list, or what stopped the walk
+}
+
+tm_unz ToTime(std::uint32_t dosDate) noexcept {
+    const std::uint32_t date = dosDate >> 16;
+    tm_unz t{};
+    t.tm_mday = date & 0x1F;
+    t.tm_mon = ((date >> 5) & 0x0F) - 1; // a month of 0 wraps, as it always did
+    t.tm_year = ((date >> 9) & 0x7F) + 1980;
+    t.tm_hour = (dosDate >> 11) & 0x1F;
+    t.tm_min = (dosDate >> 5) & 0x3F;
+    t.tm_sec = 2 * (dosDate & 0x1F);
+    return t;
+}
+
+void CopyOut(const void* source, std::size_t size, void* target, std::uint32_t capacity) {
+    if (target != nullptr && capacity > 0 && size > 0) {
+        std::memcpy(target, source, std::min<std::size_t>(size, capacity));
+    }
+}
+
+} // namespace
+
+unzFile unzOpen2(const char* path, const zlib_filefunc_def* functions) {
+    const zlib_filefunc_def io = functions != nullptr ? *functions : PlatformFileFunctions();
+    void* stream = StreamAccess::Open(io, path, kOpenRead | kOpenExisting);
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    try {
+        auto reader = std::make_unique<UnzReader>(io, stream);
+        if (FindEndRecord(reader->file, reader->end) == UNZ_OK) {
+            GoToFirst(*reader);
+            return reader.release();
+        }
+    } catch (const std::bad_alloc&) {
+    }
+    StreamAccess(io, stream).Close();
+    return nullptr;
+}
+
+int unzClose(unzFile file) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    std::unique_ptr<UnzReader> reader(AsReader(file));
+    if (reader->entry) {
+        unzCloseCurrentFile(file);
+    }
+    reader->file.Close();
+    return UNZ_OK;
+}
+
+int unzGetGlobalInfo(unzFile file, unz_global_info* info) {
+    if (file == nullptr || info == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    info->number_entry = AsReader(file)->end.entryCount;
+    info->size_comment = static_cast<std::uint32_t>(AsReader(file)->end.comment.size());
+    return UNZ_OK;
+}
+
+int unzGoToFirstFile(unzFile file) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    try {
+        return GoToFirst(*AsReader(file));
+    } catch (const std::bad_alloc&) {
+        AsReader(file)->currentValid = false;
+        return UNZ_INTERNALERROR;
+    }
+}
+
+int unzGoToNextFile(unzFile file) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    try {
+        return GoToNext(*AsReader(file));
+    } catch (const std::bad_alloc&) {
+        AsReader(file)->currentValid = false;
+        return UNZ_INTERNALERROR;
+    }
+}
+
+int unzLocateFile(unzFile file, const char* name) {
+    if (file == nullptr || name == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    try {
+        return Locate(*AsReader(file), name);
+    } catch (const std::bad_alloc&) {
+        AsReader(file)->currentValid = false;
+        return UNZ_INTERNALERROR;
+    }
+}
+
+int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::uint32_t nameSize,
+                          void* extra, std::uint32_t extraSize, char* comment,
+                          std::uint32_t commentSize) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    const UnzReader& reader = *AsReader(file);
+    if (!reader.currentValid) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    const CentralRecord& record = reader.current;
+    if (info != nullptr) {
+        info->version = record.versionMadeBy;
+        info->version_needed = record.versionNeeded;
+        info->flag = record.flags;
+        info->compression_method = record.method;
+        info->dosDate = record.dosDate;
+        info->crc = record.crc;
+        info->compressed_size = record.compressedSize;
+        info->uncompressed_size = record.uncompressedSize;
+        info->size_filename = static_cast<std::uint32_t>(record.name.size());
+        info->size_file_extra = static_cast<std::uint32_t>(record.extra.size());
+        info->size_file_comment = static_cast<std::uint32_t>(record.comment.size());
+        info->disk_num_start = record.diskStart;
+        info->internal_fa = record.internalAttributes;
+        info->external_fa = record.externalAttributes;
+        info->tmu_date = ToTime(record.dosDate);
+    }
+    CopyOut(record.name.data(), record.name.size(), name, nameSize);
+    if (name != nullptr && record.name.size() < nameSize) {
+        name[record.name.size()] = '\0';
+    }
+    CopyOut(record.extra.data(), record.extra.size(), extra, extraSize);
+    CopyOut(record.comment.data(), record.comment.size(), comment, commentSize);
+    if (comment != nullptr && record.comment.size() < commentSize) {
+        comment[record.comment.size()] = '\0';
+    }
+    return UNZ_OK;
+}
+
+int unzGetCurrentFileLocalHeaderOffset(unzFile file, std::uint32_t* offset) {
+    if (file == nullptr || offset == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    if (!AsReader(file)->currentValid) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    *offset = AsReader(file)->current.localHeaderOffset;
+    return UNZ_OK;
+}
+
+} // namespace QOB::MiniZip

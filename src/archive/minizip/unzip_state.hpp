@@ -1,0 +1,36 @@
+// The reader's state, shared by the directory walk and the reading of entry data.
+#pragma once
+
+#include "archive/minizip/central_directory.hpp"
+#include "archive/minizip/stream_access.hpp"
+#include "archive/minizip/unzip.hpp"
+
+#include <cstdint>
+#include <memory>
+
+namespace QOB::MiniZip {
+
+// An entry open for reading; defined with the code that reads entry data.
+struct ReadEntry;
+struct ReadEntryDelete {
+    void operator()(ReadEntry* entry) const noexcept;
+};
+
+struct UnzReader {
+    UnzReader(const zlib_filefunc_def& functions, void* stream) : file(functions, stream) {}
+
+    StreamAccess file;
+    EndRecord end;
+    // The current entry: its position in the directory walk and its central record.
+    bool currentValid = false;
+    std::uint32_t index = 0;
+    std::uint32_t recordPosition = 0; // file position of the central record
+    CentralRecord current;
+    std::unique_ptr<ReadEntry, ReadEntryDelete> entry;
+};
+
+inline UnzReader* AsReader(unzFile file) noexcept {
+    return static_cast<UnzReader*>(file);
+}
+
+} // namespace QOB::MiniZip
