@@ -1,0 +1,258 @@
+#include "archive/archive.hpp"
+
+#include "archive/defer.hpp"
+#include "archive/minizip/unzip.hpp"
+#include "archive/minizip/zip.hpp"
+#include "archive/zip_handle.hpp"
+#include "archive/zip_results.hpp"
+#include "platform/platform.hpp"
+#include "support/exception.hpp"
+#include "support/format.hpp"
+#include "support/log.hpp"
+
+#include <algorithm>
+#include <fstream>
+
+namespace QOB {
+namespace {
+
+using namespace MiniZip;
+
+// Logs an operation's description at TRACE now, and "in " plus it at ERROR if the
+// operation is left by an exception.
+class OperationTrail {
+public:
+    explicit OperationTrail(const std::string& text)
+        : trail_("in " + text), guard_(DeferCondition::OnFailure, [this] { LogError(trail_); }) {
+        LogTrace(text);
+    }
+
+private:
+    std::string trail_;
+    Deferred guard_;
+};
+
+// Deflate expands at most about 1032 times; a claimed size beyond that cannot be real.
+constexpr std::uint64_t kMaxInflateRatio = 1032;
+
+// Before allocating content_size bytes for an entry open for reading, makes sure that the
+// file can hold them: the stored data must lie inside the file and explain the size.
+void CheckEntryFitsFile(void* unzip, std::uint64_t content_size, std::uint64_t file_size) {
+    unz_file_info info{};
+    CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
+    std::uint32_t offset = 0;
+    CheckUnzipResult(unzGetCurrentFileLocalHeaderOffset(unzip, &offset));
+    const std::uint64_t stored = info.compressed_size;
+    const std::uint64_t limit =
+        info.compression_method == 0 ? stored : stored * kMaxInflateRatio + 1024;
+    if (std::uint64_t{offset} + 30 + stored > file_size || content_size > limit) {
+        CheckUnzipResult(UNZ_BADZIPFILE);
+    }
+}
+
+} // namespace
+
+Archive::Archive(const std::filesystem::path& path, bool should_exist)
+    : handle_(std::make_unique<MiniZip::Handle>(path, should_exist)) {
+    LogDebug(Format("Archive::[\"%s\"] %s", Name(), should_exist ? "opening" : "creating"));
+}
+
+Archive::~Archive() {
+    LogTrace(Format("Archive::[\"%s\"] closing", Name()));
+    try {
+        Flush();
+    } catch (...) {
+    }
+}
+
+const char* Archive::Name() const noexcept {
+    return handle_->Path().c_str();
+}
+
+void Archive::Flush() {
+    const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
+    handle_->Flush();
+}
+
+std::vector<Entry> Archive::List() {
+    const OperationTrail trail(Format("Archive::[\"%s\"]::List", Name()));
+    void* unzip = handle_->Unzip();
+    std::vector<Entry> entries;
+    int result = unzGoToFirstFile(unzip);
+    while (result == UNZ_OK) {
+        entries.push_back(GetCurrent(unzip));
+        result = unzGoToNextFile(unzip);
+    }
+    if (result == UNZ_END_OF_LIST_OF_FILE) {
+        return entries;
+    }
+    CheckUnzipResult(result);
+    throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
+}
+
+bool Archive::Contains(const Path& path) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Contains path=\"%s\"", Name(), path.CStr()));
+    const int result = unzLocateFile(handle_->Unzip(), path.CStr());
+    if (result == UNZ_END_OF_LIST_OF_FILE) {
+        return false;
+    }
+    if (result == UNZ_OK) {
+        return true;
+    }
+    CheckUnzipResult(result);
+    throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
+}
+
+Entry Archive::Get(const Path& path) {
+    const OperationTrail trail(Format("Archive::[\"%s\"]::Get path=\"%s\"", Name(), path.CStr()));
+    void* unzip = handle_->Unzip();
+    CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
+    return GetCurrent(unzip);
+}
+
+std::vector<std::byte> Archive::Read(const Path& path) {
+    const OperationTrail trail(Format("Archive::[\"%s\"]::Read path=\"%s\"", Name(), path.CStr()));
+    const Entry entry = Get(path);
+    void* unzip = handle_->Unzip();
+    ReadBegin(unzip, path);
+    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+    std::vector<std::byte> content(static_cast<std::size_t>(entry.content_size));
+    TryRead(unzip, content.data(), content.size());
+    ReadEnd(unzip, entry);
+    return content;
+}
+
+void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Read path=\"%s\" length=%zu", Name(), path.CStr(), length));
+    if (buffer == nullptr) {
+        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to buffer");
+    }
+    const Entry entry = Get(path);
+    if (length < entry.content_size) {
+        throw Exception(INTERNAL_INCONSISTENCY,
+                        Format("buffer too small: src=%zu dst=%zu",
+                               static_cast<std::size_t>(entry.content_size), length));
+    }
+    void* unzip = handle_->Unzip();
+    ReadBegin(unzip, path);
+    TryRead(unzip, buffer, entry.content_size);
+    ReadEnd(unzip, entry);
+}
+
+void Archive::Extract(const Path& internal, const std::filesystem::path& external, bool overwrite) {
+    const std::string target = PathToUtf8(external);
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Extract int=\"%s\" ext=\"%s\" overwrite=%s", Name(),
+               internal.CStr(), target.c_str(), overwrite ? "yes" : "no"));
+    if (std::filesystem::exists(external)) {
+        if (!overwrite) {
+            throw Exception(INTERNAL_INCONSISTENCY, "target exists");
+        }
+        LogWarn(Format("Archive::Extract: overwriting \"%s\"", target.c_str()));
+    } else {
+        const std::filesystem::path parent = external.parent_path();
+        if (!parent.empty() && std::filesystem::create_directories(parent)) {
+            LogInfo(
+                Format("Archive::Extract: created directory \"%s\"", PathToUtf8(parent).c_str()));
+        }
+    }
+
+    const Entry entry = Get(internal);
+    void* unzip = handle_->Unzip();
+    ReadBegin(unzip, internal);
+    {
+        std::ofstream out(external, std::ios::binary | std::ios::trunc);
+        std::vector<std::byte> buffer(kCopyBufferSize);
+        for (std::uint64_t remaining = entry.content_size; remaining > 0;) {
+            const auto round =
+                static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+            TryRead(unzip, buffer.data(), round);
+            out.write(reinterpret_cast<const char*>(buffer.data()),
+                      static_cast<std::streamsize>(round));
+            if (!out.good()) {
+                throw Exception(INTERNAL_INCONSISTENCY, "write error");
+            }
+            remaining -= round;
+        }
+    } // a failed close only marks the stream
+    ReadEnd(unzip, entry);
+}
+
+void Archive::Insert(const Path& internal, const std::filesystem::path& external,
+                     std::size_t padding) {
+    const std::string source = PathToUtf8(external);
+    const OperationTrail trail(Format("Archive::[\"%s\"]::Insert int=\"%s\" ext=\"%s\" padding=%zu",
+                                      Name(), internal.CStr(), source.c_str(), padding));
+    void* zip = handle_->Zip();
+    const std::uint64_t length = std::filesystem::file_size(external);
+    const std::tm time = GetFileModificationTime(external);
+    WriteBegin(zip, internal, time, length, padding);
+    {
+        std::ifstream in(external, std::ios::binary);
+        std::vector<std::byte> buffer(kCopyBufferSize);
+        for (std::uint64_t remaining = length; remaining > 0;) {
+            const auto round =
+                static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+            in.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(round));
+            if (in.fail()) {
+                throw Exception(INTERNAL_INCONSISTENCY, "read error");
+            }
+            if (in.eof()) {
+                throw Exception(INTERNAL_INCONSISTENCY, "file smaller than expected");
+            }
+            if (static_cast<std::size_t>(in.gcount()) < round) {
+                throw Exception(INTERNAL_INCONSISTENCY, "didn't read enough");
+            }
+            CheckZipResult(zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round)));
+            remaining -= round;
+        }
+        in.get();
+        if (!in.eof()) {
+            throw Exception(INTERNAL_INCONSISTENCY, "file larger than expected");
+        }
+    }
+    WriteEnd(zip, padding);
+    Flush();
+}
+
+void Archive::Insert(const Path& path, const std::byte* content, std::size_t length,
+                     std::size_t padding) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Insert path=\"%s\" length=%zu padding=%zu", Name(), path.CStr(),
+               length, padding));
+    if (content == nullptr) {
+        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to content");
+    }
+    void* zip = handle_->Zip();
+    const std::tm time = Platform::LocalTime(Platform::CurrentTime());
+    WriteBegin(zip, path, time, length, padding);
+    CheckZipResult(zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)));
+    WriteEnd(zip, padding);
+    Flush();
+}
+
+void Archive::Update(const Path& path, const std::byte* content, std::size_t length) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Update path=\"%s\" length=%zu", Name(), path.CStr(), length));
+    if (content == nullptr) {
+        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to content");
+    }
+    if (length > kMaxEntrySize) {
+        throw Exception(INTERNAL_INCONSISTENCY, "entry too large");
+    }
+    void* zip = handle_->Zip();
+    CheckZipResult(
+        zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
+    Flush();
+}
+
+void Archive::Remove(const Path& path) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
+    CheckZipResult(zipRemoveFileInZip(handle_->Zip(), path.CStr()));
+    Flush();
+}
+
+} // namespace QOB

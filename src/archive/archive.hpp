@@ -1,0 +1,68 @@
+// The one object through which the system touches a package file: list, test, read and
+// extract entries, insert new ones with reserved space, rewrite one in place, remove one.
+// Holds no cache of its own: every query goes to the file. Every change is flushed before
+// the call returns, so the file on disk is then a complete zip.
+#pragma once
+
+#include "archive/entry_framing.hpp"
+#include "archive/path.hpp"
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+namespace QOB {
+
+namespace MiniZip {
+class Handle;
+}
+
+class Archive {
+public:
+    // should_exist true opens an existing archive (PACKAGE_NOT_FOUND if missing); false
+    // creates a new one (CANNOT_REMOVE_FILE if the file exists).
+    Archive(const std::filesystem::path& path, bool should_exist);
+    // Flushes and swallows any failure.
+    ~Archive();
+    Archive(const Archive&) = delete;
+    Archive& operator=(const Archive&) = delete;
+
+    void Flush();
+
+    // Every entry, in central directory order.
+    std::vector<Entry> List();
+    // Letter case is ignored, as in every lookup by the reader.
+    bool Contains(const Path& path);
+    // FILE_NOT_IN_PACKAGE when there is no such entry.
+    Entry Get(const Path& path);
+
+    // The entry's content (without padding), checked: zero padding and CRC-32.
+    std::vector<std::byte> Read(const Path& path);
+    // The same into a caller's buffer of at least Get(path).content_size bytes; bytes
+    // beyond the content are left untouched.
+    void Read(const Path& path, std::byte* buffer, std::size_t length);
+    // Writes the content into a file, creating missing directories; an existing file is
+    // replaced when overwrite is set and refused otherwise.
+    void Extract(const Path& internal, const std::filesystem::path& external, bool overwrite);
+
+    // Appends a new entry with padding zero bytes reserved behind the content; does not
+    // check whether the name exists already. The file's modification time is kept.
+    void Insert(const Path& internal, const std::filesystem::path& external, std::size_t padding);
+    // The same from memory, stamped with the current local time.
+    void Insert(const Path& path, const std::byte* content, std::size_t length,
+                std::size_t padding);
+    // Rewrites an existing entry in place (exact, case-sensitive name) inside its reserved
+    // space; never moves other entries. Content longer than the entry's stored size fails
+    // with INVALID_PARAMETER and leaves the file as it was.
+    void Update(const Path& path, const std::byte* content, std::size_t length);
+    // Deletes an entry (exact, case-sensitive name) and compacts the file.
+    void Remove(const Path& path);
+
+private:
+    const char* Name() const noexcept;
+
+    std::unique_ptr<MiniZip::Handle> handle_;
+};
+
+} // namespace QOB

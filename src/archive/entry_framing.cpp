@@ -1,0 +1,231 @@
+#include "archive/entry_framing.hpp"
+
+#include "archive/defer.hpp"
+#include "archive/minizip/unzip.hpp"
+#include "archive/minizip/zip.hpp"
+#include "archive/zip_results.hpp"
+#include "platform/platform.hpp"
+#include "support/exception.hpp"
+#include "support/format.hpp"
+#include "support/log.hpp"
+
+#include <algorithm>
+#include <array>
+
+namespace QOB {
+namespace {
+
+using namespace MiniZip;
+
+constexpr std::size_t kFieldSize = 4;
+constexpr int kStored = 0;
+constexpr int kNoCompressionLevel = 0;
+constexpr int kRawDeflateWindowBits = -15;
+constexpr int kDefaultMemLevel = 8;
+constexpr int kDefaultStrategy = 0;
+
+std::uint32_t DosDateTime(const std::tm& time) {
+    auto year = static_cast<std::uint32_t>(time.tm_year);
+    if (year > 1980) {
+        year -= 1980;
+    } else if (year > 80) {
+        year -= 80;
+    }
+    const auto month = static_cast<std::uint32_t>(time.tm_mon);
+    const auto day = static_cast<std::uint32_t>(time.tm_mday);
+    const auto hour = static_cast<std::uint32_t>(time.tm_hour);
+    const auto minute = static_cast<std::uint32_t>(time.tm_min);
+    const auto second = static_cast<std::uint32_t>(time.tm_sec);
+    const std::uint32_t date = (year * 16 + month + 1) * 32 + day;
+    const std::uint32_t clock = (hour * 64 + minute) * 32 + second / 2;
+    return date * 65536 + clock;
+}
+
+std::tm FromDosDateTime(std::uint32_t dos) {
+    std::tm time{};
+    time.tm_sec = static_cast<int>((dos & 0x1F) * 2);
+    time.tm_min = static_cast<int>((dos >> 5) & 0x3F);
+    time.tm_hour = static_cast<int>((dos >> 11) & 0x1F);
+    time.tm_mday = static_cast<int>((dos >> 16) & 0x1F);
+    time.tm_mon = static_cast<int>((dos >> 21) & 0x0F) - 1;
+    time.tm_year = static_cast<int>((dos >> 25) & 0x7F) + 1980;
+    return time;
+}
+
+} // namespace
+
+void WriteBegin(void* zip, const Path& path, const std::tm& time, std::uint64_t length,
+                std::uint64_t padding_size) {
+    const std::string trail =
+        Format("in WriteBegin path=\"%s\" length=%zu padding_size=%zu", path.CStr(),
+               static_cast<std::size_t>(length), static_cast<std::size_t>(padding_size));
+    QOB_FAILURE_TRAIL(trail);
+
+    if (length > kMaxEntrySize) {
+        throw Exception(INTERNAL_INCONSISTENCY, "entry too large");
+    }
+    const std::uint32_t value = padding_size > 0 ? static_cast<std::uint32_t>(length) : 0;
+    const std::array<unsigned char, kFieldSize> field = {
+        static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
+        static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
+
+    zip_fileinfo info{};
+    info.tmz_date.tm_sec = static_cast<unsigned>(time.tm_sec);
+    info.tmz_date.tm_min = static_cast<unsigned>(time.tm_min);
+    info.tmz_date.tm_hour = static_cast<unsigned>(time.tm_hour);
+    info.tmz_date.tm_mday = static_cast<unsigned>(time.tm_mday);
+    info.tmz_date.tm_mon = static_cast<unsigned>(time.tm_mon);
+    info.tmz_date.tm_year = static_cast<unsigned>(time.tm_year);
+    info.dosDate = DosDateTime(time);
+
+    CheckZipResult(zipOpenNewFileInZip3(zip, path.CStr(), &info, field.data(), kFieldSize,
+                                        field.data(), kFieldSize, nullptr, kStored,
+                                        kNoCompressionLevel, 0, kRawDeflateWindowBits,
+                                        kDefaultMemLevel, kDefaultStrategy, nullptr, 0));
+}
+
+void WriteEnd(void* zip, std::uint64_t padding_size) {
+    const std::string trail =
+        Format("in WriteEnd padding_size=%zu", static_cast<std::size_t>(padding_size));
+    QOB_FAILURE_TRAIL(trail);
+
+    if (padding_size > 0) {
+        const std::vector<std::byte> zeros(
+            static_cast<std::size_t>(std::min<std::uint64_t>(padding_size, kCopyBufferSize)));
+        for (std::uint64_t remaining = padding_size; remaining > 0;) {
+            const auto round =
+                static_cast<unsigned>(std::min<std::uint64_t>(remaining, zeros.size()));
+            CheckZipResult(zipWriteInFileInZip(zip, zeros.data(), round));
+            remaining -= round;
+        }
+    }
+    CheckZipResult(zipCloseFileInZip(zip));
+}
+
+void ReadBegin(void* unzip, const Path& path) {
+    const std::string trail = Format("in ReadBegin path=\"%s\"", path.CStr());
+    QOB_FAILURE_TRAIL(trail);
+    CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
+    CheckUnzipResult(unzOpenCurrentFile(unzip));
+}
+
+void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
+    const std::string trail = Format("in TryRead length=%zu", static_cast<std::size_t>(length));
+    QOB_FAILURE_TRAIL(trail);
+
+    const int count = unzReadCurrentFile(unzip, buffer, static_cast<std::uint32_t>(length));
+    if (count >= 0 && static_cast<std::uint64_t>(count) == length) {
+        return;
+    }
+    if (count == 0) {
+        throw Exception(INTERNAL_INCONSISTENCY, "end of entry reached");
+    }
+    if (count < 0) {
+        CheckUnzipResult(count);
+    } else if (static_cast<std::uint64_t>(count) < length) {
+        throw Exception(INTERNAL_INCONSISTENCY, "partial read");
+    }
+    throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
+}
+
+void ReadEnd(void* unzip, const Entry& entry) {
+    const std::uint64_t padding =
+        entry.allocated_size > entry.content_size ? entry.allocated_size - entry.content_size : 0;
+    const std::string trail =
+        Format("in ReadEnd padding_size=%zu", static_cast<std::size_t>(padding));
+    QOB_FAILURE_TRAIL(trail);
+
+    if (padding > 0) {
+        std::vector<std::byte> buffer(
+            static_cast<std::size_t>(std::min<std::uint64_t>(padding, kCopyBufferSize)));
+        for (std::uint64_t remaining = padding; remaining > 0;) {
+            const auto round =
+                static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+            TryRead(unzip, buffer.data(), round);
+            const auto end = buffer.begin() + static_cast<std::ptrdiff_t>(round);
+            if (std::any_of(buffer.begin(), end, [](std::byte b) { return b != std::byte{0}; })) {
+                throw Exception(INTERNAL_INCONSISTENCY, "non-zero padding");
+            }
+            remaining -= round;
+        }
+    }
+    CheckUnzipResult(unzCloseCurrentFile(unzip));
+}
+
+Entry GetCurrent(void* unzip) {
+    QOB_FAILURE_TRAIL("in GetCurrent");
+    if (unzip == nullptr) {
+        CheckUnzipResult(UNZ_PARAMERROR);
+    }
+    std::uint32_t offset = 0;
+    CheckUnzipResult(unzGetCurrentFileLocalHeaderOffset(unzip, &offset));
+    unz_file_info info{};
+    CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
+
+    Entry entry;
+    entry.data_offset = std::uint64_t{offset} + 30 + info.size_filename + info.size_file_extra +
+                        info.size_file_comment;
+    entry.allocated_size = info.uncompressed_size;
+    entry.time = FromDosDateTime(info.dosDate);
+    entry.dos_time = info.dosDate;
+
+    // Both lengths come from 2-byte fields, so neither buffer exceeds 64 KiB.
+    entry.path.assign(info.size_filename, '\0');
+    std::vector<std::byte> extra(info.size_file_extra);
+    CheckUnzipResult(unzGetCurrentFileInfo(
+        unzip, &info, entry.path.data(), static_cast<std::uint32_t>(entry.path.size()),
+        extra.data(), static_cast<std::uint32_t>(extra.size()), nullptr, 0));
+    entry.content_size = IntoContentSize(extra, entry.allocated_size);
+    return entry;
+}
+
+std::uint64_t IntoContentSize(const std::vector<std::byte>& extra, std::uint64_t allocated) {
+    QOB_FAILURE_TRAIL("in IntoContentSize");
+    if (extra.size() != kFieldSize) {
+        LogWarn(
+            Format("IntoContentSize: field len expected=%zu actual=%zu", kFieldSize, extra.size()));
+        return allocated;
+    }
+    const std::uint32_t content = std::to_integer<std::uint32_t>(extra[0]) |
+                                  std::to_integer<std::uint32_t>(extra[1]) << 8 |
+                                  std::to_integer<std::uint32_t>(extra[2]) << 16 |
+                                  std::to_integer<std::uint32_t>(extra[3]) << 24;
+    if (content == 0) {
+        LogTrace("IntoContentSize: content size is zero");
+        return allocated;
+    }
+    if (content > allocated) {
+        LogWarn(Format("IntoContentSize: content=%u exceeds allocated=%zu", content,
+                       static_cast<std::size_t>(allocated)));
+        return allocated;
+    }
+    LogTrace(Format("IntoContentSize: content=%u allocated=%zu padding=%zu", content,
+                    static_cast<std::size_t>(allocated),
+                    static_cast<std::size_t>(allocated - content)));
+    return content;
+}
+
+std::tm GetFileModificationTime(const std::filesystem::path& path) {
+    const std::string narrow = PathToUtf8(path);
+    const std::string trail = Format("in GetFileModificationTime path=\"%s\"", narrow.c_str());
+    QOB_FAILURE_TRAIL(trail);
+
+    std::int64_t seconds = Platform::CurrentTime();
+    std::int64_t modified = -1;
+    const bool known = Platform::FileModificationTime(path, modified);
+    if (!known) {
+        modified = -1; // a failed query leaves the record as preset
+        LogWarn(Format("GetFileModificationTime: failed to stat \"%s\"", narrow.c_str()));
+    }
+    if (modified == -1) {
+        LogWarn("GetFileModificationTime: invalid st_mtime");
+    }
+    if (known && modified != -1) {
+        seconds = modified;
+    } else {
+        LogWarn("GetFileModificationTime: falling back to current time");
+    }
+    return Platform::LocalTime(seconds);
+}
+
+} // namespace QOB

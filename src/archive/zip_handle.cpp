@@ -1,0 +1,199 @@
+#include "archive/zip_handle.hpp"
+
+#include "archive/defer.hpp"
+#include "archive/minizip/unzip.hpp"
+#include "archive/minizip/zip.hpp"
+#include "archive/path.hpp"
+#include "archive/zip_results.hpp"
+#include "platform/platform.hpp"
+#include "support/exception.hpp"
+#include "support/format.hpp"
+#include "support/log.hpp"
+
+#include <fstream>
+#include <system_error>
+
+namespace QOB::MiniZip {
+namespace {
+
+constexpr int kOpenReadWriteExisting = kOpenRead | kOpenWrite | kOpenExisting;
+
+} // namespace
+
+Handle::Handle(const std::filesystem::path& path, bool should_exist)
+    : path_(PathToUtf8(path)), file_(path) {
+    const std::string trail =
+        Format("in Handle path=\"%s\" should_exist=%s", path_.c_str(), should_exist ? "yes" : "no");
+    QOB_FAILURE_TRAIL(trail);
+
+    raw_ = PlatformFileFunctions();
+    const bool exists = std::filesystem::exists(path);
+    if (!should_exist && exists) {
+        throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+    }
+    if (should_exist && !exists) {
+        throw Exception(PACKAGE_NOT_FOUND, "no such archive");
+    }
+    if (exists) {
+        std::error_code error;
+        const auto size = std::filesystem::file_size(path, error);
+        if (!error && size > 0xFFFFFFFFu) {
+            LogWarn(Format("archive requires 64-bit ZIP support: \"%s\"", path_.c_str()));
+        }
+    } else {
+        std::ofstream create(path, std::ios::binary);
+    }
+
+    void* stream = raw_.zopen_file(raw_.opaque, path_.c_str(), kOpenReadWriteExisting);
+    if (stream == nullptr) {
+        LogWarn(Format("failed to open archive for read-write, retrying with read-only mode: "
+                       "\"%s\"",
+                       path_.c_str()));
+        // The platform's read-only stream is the same kind of stream, so raw_ serves it.
+        stream = Platform::FileOpenReadOnly(path_.c_str());
+    }
+    if (stream == nullptr) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive");
+    }
+    try {
+        Construct(stream, raw_, exists);
+    } catch (...) {
+        raw_.zclose_file(raw_.opaque, stream);
+        stream_ = nullptr;
+        throw;
+    }
+}
+
+Handle::~Handle() {
+    try {
+        Flush();
+    } catch (...) {
+    }
+    if (std::holds_alternative<UnzipOpenState>(state_)) {
+        try {
+            UnzipClose();
+        } catch (...) {
+        }
+    }
+    if (stream_ != nullptr) {
+        raw_.zclose_file(raw_.opaque, stream_);
+    }
+}
+
+void Handle::Construct(void* stream, zlib_filefunc_def raw, bool exists) {
+    QOB_FAILURE_TRAIL("in Handle::Construct");
+    stream_ = stream;
+    raw_ = raw;
+    cache_ = std::make_unique<ReadCache>();
+    cache_->stream = stream;
+    cache_->raw = raw;
+    buffered_ = BufferedFileFunctions(cache_.get());
+    exists_ = exists;
+    if (exists_) {
+        UnzipOpen();
+    }
+}
+
+void* Handle::Zip() {
+    QOB_FAILURE_TRAIL("in Handle::Zip");
+    if (std::holds_alternative<UnzipOpenState>(state_)) {
+        UnzipClose();
+    }
+    if (std::holds_alternative<std::monostate>(state_)) {
+        ZipOpen();
+    }
+    return std::get<ZipOpenState>(state_).file;
+}
+
+void* Handle::Unzip() {
+    QOB_FAILURE_TRAIL("in Handle::Unzip");
+    if (std::holds_alternative<ZipOpenState>(state_)) {
+        ZipClose();
+    }
+    if (std::holds_alternative<std::monostate>(state_) && !exists_) {
+        // A new archive holds no zip yet: writing the empty directory makes it one, so that
+        // a lookup before the first insert answers "not there" instead of failing.
+        ZipOpen();
+        ZipClose();
+    }
+    if (std::holds_alternative<std::monostate>(state_)) {
+        UnzipOpen();
+    }
+    return std::get<UnzipOpenState>(state_).file;
+}
+
+void Handle::Flush() {
+    QOB_FAILURE_TRAIL("in Handle::Flush");
+    if (std::holds_alternative<ZipOpenState>(state_)) {
+        ZipClose();
+        // Reading the result back at once makes a broken archive fail the change that
+        // broke it, not some later call.
+        UnzipOpen();
+        UnzipClose();
+    }
+}
+
+std::uint64_t Handle::FileSize() const noexcept {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file_, error);
+    return error ? 0 : static_cast<std::uint64_t>(size);
+}
+
+void Handle::ZipOpen() {
+    QOB_FAILURE_TRAIL("in Handle::ZipOpen");
+    ResetSeek();
+    void* zip = zipOpen2(nullptr, exists_ ? APPEND_STATUS_ADDINZIP : APPEND_STATUS_CREATE, nullptr,
+                         &buffered_);
+    if (zip == nullptr) {
+        throw Exception(CANNOT_OPEN_FILE_PCK, "failed to open zip handle");
+    }
+    state_ = ZipOpenState{zip};
+}
+
+void Handle::ZipClose() {
+    QOB_FAILURE_TRAIL("in Handle::ZipClose");
+    void* zip = std::get<ZipOpenState>(state_).file;
+    const int result = zipClose(zip, nullptr);
+    state_ = std::monostate{};
+    if (result != ZIP_OK) {
+        CheckZipResult(result);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to close zip handle");
+    }
+    exists_ = true;
+}
+
+void Handle::UnzipOpen() {
+    QOB_FAILURE_TRAIL("in Handle::UnzipOpen");
+    ResetSeek();
+    void* unzip = unzOpen2(nullptr, &buffered_);
+    if (unzip == nullptr) {
+        throw Exception(CANNOT_OPEN_FILE_PCK, "failed to open unzip handle");
+    }
+    const int result = unzGoToFirstFile(unzip);
+    if (result != UNZ_OK) {
+        unzClose(unzip);
+        CheckUnzipResult(result);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open unzip handle");
+    }
+    state_ = UnzipOpenState{unzip};
+}
+
+void Handle::UnzipClose() {
+    QOB_FAILURE_TRAIL("in Handle::UnzipClose");
+    void* unzip = std::get<UnzipOpenState>(state_).file;
+    state_ = std::monostate{};
+    const int result = unzip != nullptr ? unzClose(unzip) : UNZ_PARAMERROR;
+    if (result != UNZ_OK) {
+        CheckUnzipResult(result);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to close unzip handle");
+    }
+}
+
+void Handle::ResetSeek() {
+    QOB_FAILURE_TRAIL("in Handle::ResetSeek");
+    if (raw_.zseek_file(raw_.opaque, stream_, 0, kSeekSet) != 0) {
+        throw Exception(CANNOT_READ_FILE_PCK, "failed to seek");
+    }
+}
+
+} // namespace QOB::MiniZip

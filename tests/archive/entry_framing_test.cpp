@@ -1,0 +1,262 @@
+#include "archive/archive.hpp"
+#include "archive/entry_framing.hpp"
+#include "archive/zip_handle.hpp"
+
+#include "archive/zip_inspect.hpp"
+#include "common/test_files.hpp"
+#include "support/exception.hpp"
+#include "support/log.hpp"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <chrono>
+#include <ctime>
+
+namespace {
+
+using qobtest::Le;
+
+std::uint32_t Crc(const std::string& bytes) {
+    return static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
+}
+
+const std::byte* Bytes(const std::string& text) {
+    return reinterpret_cast<const std::byte*>(text.data());
+}
+
+std::string Text(const std::vector<std::byte>& bytes) {
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+std::string ExceptionText(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const QOB::Exception& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+TEST(FramingTest, LocalAndCentralHeadersAtTheByteLevel) {
+    qobtest::TempDir dir;
+    const auto path = dir / "f.zip";
+    struct Item {
+        std::string name, content;
+        std::size_t padding;
+        std::uint32_t field;
+    };
+    const Item items[] = {{"dir/a.txt", "hello", 7, 5},
+                          {"b.bin", qobtest::RandomBytes(3000, 1), 0, 0},
+                          {"zero", "", 100, 0}};
+    {
+        QOB::Archive archive(path, false);
+        for (const auto& item : items) {
+            archive.Insert(QOB::Path(item.name), Bytes(item.content), item.content.size(),
+                           item.padding);
+        }
+    }
+    const std::string bytes = qobtest::ReadFile(path);
+    const auto image = qobtest::InspectZip(bytes);
+    ASSERT_EQ(image.records.size(), 3u);
+    std::size_t expectedOffset = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        const Item& item = items[i];
+        const auto& r = image.records[i];
+        const std::string stored = item.content + std::string(item.padding, '\0');
+        const std::string field(reinterpret_cast<const char*>(&item.field), 4); // little-endian
+        SCOPED_TRACE(item.name);
+        EXPECT_EQ(r.name, item.name);
+        EXPECT_EQ(r.madeBy, 0u);
+        EXPECT_EQ(r.needed, 20u);
+        EXPECT_EQ(r.flags, 0u);
+        EXPECT_EQ(r.method, 0u);
+        EXPECT_EQ(r.crc, Crc(stored));
+        EXPECT_EQ(r.compressed, stored.size());
+        EXPECT_EQ(r.uncompressed, stored.size());
+        EXPECT_EQ(r.extra, field);
+        EXPECT_EQ(r.commentLength + r.disk + r.internalAttributes + r.externalAttributes, 0u);
+        EXPECT_EQ(r.localOffset, expectedOffset);
+
+        const std::size_t at = r.localOffset;
+        EXPECT_EQ(Le(bytes, at, 4), 0x04034B50u);
+        EXPECT_EQ(Le(bytes, at + 4, 2), 20u);
+        EXPECT_EQ(Le(bytes, at + 6, 2), 0u);
+        EXPECT_EQ(Le(bytes, at + 8, 2), 0u);
+        EXPECT_EQ(Le(bytes, at + 10, 4), r.dosTime);
+        EXPECT_EQ(Le(bytes, at + 14, 4), r.crc);
+        EXPECT_EQ(Le(bytes, at + 18, 4), stored.size());
+        EXPECT_EQ(Le(bytes, at + 22, 4), stored.size());
+        EXPECT_EQ(Le(bytes, at + 26, 2), item.name.size());
+        EXPECT_EQ(Le(bytes, at + 28, 2), 4u);
+        EXPECT_EQ(bytes.substr(at + 30, item.name.size()), item.name);
+        const std::size_t data = at + 30 + item.name.size();
+        EXPECT_EQ(bytes.substr(data, 4), field);
+        EXPECT_TRUE(bytes.compare(data + 4, stored.size(), stored) == 0);
+        expectedOffset = data + 4 + stored.size();
+    }
+    EXPECT_EQ(image.directoryOffset, expectedOffset);
+
+    qobtest::LogCapture log(&QOB::SetLogSink);
+    QOB::Archive archive(path, true);
+    const auto entries = archive.List();
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0].data_offset, 30u + 9 + 4);
+    EXPECT_EQ(entries[0].allocated_size, 12u);
+    EXPECT_EQ(entries[0].content_size, 5u);
+    EXPECT_EQ(entries[0].dos_time, image.records[0].dosTime);
+    EXPECT_TRUE(log.Contains("[QOB][TRACE] IntoContentSize: content=5 allocated=12 padding=7"));
+    EXPECT_TRUE(log.Contains("[QOB][TRACE] IntoContentSize: content size is zero"));
+    // No padding: the field is 0 and everything stored is content.
+    EXPECT_EQ(entries[1].content_size, 3000u);
+    // Length 0 with padding also writes 0, so the padding reads back as content.
+    EXPECT_EQ(entries[2].content_size, 100u);
+    EXPECT_EQ(Text(archive.Read(QOB::Path("zero"))), std::string(100, '\0'));
+    EXPECT_TRUE(Text(archive.Read(QOB::Path("b.bin"))) == items[1].content);
+}
+
+TEST(FramingTest, TimeStampsAndTheSizeLimit) {
+    qobtest::TempDir dir;
+    const auto path = dir / "t.zip";
+    {
+        QOB::MiniZip::Handle handle(path, false);
+        std::tm time{};
+        time.tm_year = 124; // years since 1900
+        time.tm_mon = 1;
+        time.tm_mday = 29;
+        time.tm_hour = 13;
+        time.tm_min = 45;
+        time.tm_sec = 59;
+        void* zip = handle.Zip();
+        QOB::WriteBegin(zip, QOB::Path("since1900"), time, 1, 0);
+        QOB::WriteEnd(zip, 0);
+        time.tm_year = 2024; // a full year gives the same DOS year
+        QOB::WriteBegin(zip, QOB::Path("full"), time, 0, 0);
+        QOB::WriteEnd(zip, 0);
+        const auto size = std::filesystem::file_size(path);
+        EXPECT_EQ(
+            ExceptionText([&] { QOB::WriteBegin(zip, QOB::Path("huge"), time, 0x100000000u, 1); }),
+            "[INTERNAL_INCONSISTENCY] entry too large");
+        EXPECT_EQ(std::filesystem::file_size(path), size);
+        // The largest length is accepted; its field says more than the entry holds.
+        QOB::WriteBegin(zip, QOB::Path("max"), time, 0xFFFFFFFFu, 1);
+        QOB::WriteEnd(zip, 0);
+    }
+    qobtest::LogCapture log(&QOB::SetLogSink);
+    QOB::Archive archive(path, true);
+    const auto entries = archive.List();
+    ASSERT_EQ(entries.size(), 3u);
+    for (const auto& entry : entries) {
+        EXPECT_EQ(entry.dos_time >> 25, 44u);
+        EXPECT_EQ(entry.time.tm_year, 2024);
+        EXPECT_EQ(entry.time.tm_mon, 1);
+        EXPECT_EQ(entry.time.tm_mday, 29);
+        EXPECT_EQ(entry.time.tm_hour, 13);
+        EXPECT_EQ(entry.time.tm_min, 45);
+        EXPECT_EQ(entry.time.tm_sec, 58);
+        EXPECT_EQ(entry.time.tm_wday + entry.time.tm_yday + entry.time.tm_isdst, 0);
+    }
+    EXPECT_EQ(entries[2].content_size, 0u);
+    EXPECT_TRUE(
+        log.Contains("[QOB][WARN ] IntoContentSize: content=4294967295 exceeds allocated=0"));
+}
+
+TEST(FramingTest, IntoContentSizeRules) {
+    struct Case {
+        std::vector<int> field;
+        std::uint64_t allocated, expected;
+        const char* line;
+    };
+    const Case cases[] = {
+        {{}, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=0"},
+        {{1, 0, 0}, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=3"},
+        {{0, 0, 0, 0}, 9, 9, "[QOB][TRACE] IntoContentSize: content size is zero"},
+        {{16, 0, 0, 0}, 9, 9, "[QOB][WARN ] IntoContentSize: content=16 exceeds allocated=9"},
+        {{9, 0, 0, 0}, 9, 9, "[QOB][TRACE] IntoContentSize: content=9 allocated=9 padding=0"},
+        {{0, 1, 1, 0},
+         70000,
+         65792,
+         "[QOB][TRACE] IntoContentSize: content=65792 allocated=70000 padding=4208"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::byte> field;
+        for (const int b : c.field) {
+            field.push_back(static_cast<std::byte>(b));
+        }
+        qobtest::LogCapture log(&QOB::SetLogSink);
+        EXPECT_EQ(QOB::IntoContentSize(field, c.allocated), c.expected) << c.line;
+        ASSERT_EQ(log.lines.size(), 1u);
+        EXPECT_EQ(log.lines[0].text, c.line);
+    }
+}
+
+TEST(FramingTest, ReadingChecksPaddingCrcAndLength) {
+    qobtest::TempDir dir;
+    const auto path = dir / "p.zip";
+    const std::string content = qobtest::RandomBytes(1000, 2);
+    {
+        QOB::Archive archive(path, false);
+        archive.Insert(QOB::Path("p65536"), Bytes(content), content.size(), 65536);
+        archive.Insert(QOB::Path("p65537"), Bytes(content), content.size(), 65537);
+        archive.Insert(QOB::Path("p200000"), Bytes(content), content.size(), 200000);
+    }
+    std::string bytes = qobtest::ReadFile(path);
+    {
+        QOB::Archive archive(path, true);
+        for (const auto& entry : archive.List()) {
+            EXPECT_TRUE(Text(archive.Read(QOB::Path(entry.path))) == content);
+        }
+        // Reads must add up to the content exactly.
+        void* unzip = nullptr;
+        QOB::MiniZip::Handle handle(path, true);
+        unzip = handle.Unzip();
+        QOB::ReadBegin(unzip, QOB::Path("P65536"));
+        std::vector<std::byte> buffer(70000);
+        QOB::TryRead(unzip, buffer.data(), 0);
+        EXPECT_EQ(ExceptionText([&] { QOB::TryRead(unzip, buffer.data(), 70000); }),
+                  "[INTERNAL_INCONSISTENCY] partial read");
+        EXPECT_EQ(ExceptionText([&] { QOB::TryRead(unzip, buffer.data(), 1); }),
+                  "[INTERNAL_INCONSISTENCY] end of entry reached");
+    }
+
+    // The last padding byte of the middle entry, then a content byte of the first.
+    const auto image = qobtest::InspectZip(bytes);
+    const std::size_t lastPadding = image.records[1].localOffset + 30 + 6 + 4 + 1000 + 65537 - 1;
+    bytes[lastPadding] = '\x01';
+    bytes[image.records[0].localOffset + 30 + 6 + 4 + 10] ^= 1;
+    qobtest::WriteFile(path, bytes);
+    qobtest::LogCapture log(&QOB::SetLogSink);
+    QOB::Archive archive(path, true);
+    EXPECT_EQ(ExceptionText([&] { archive.Read(QOB::Path("p65537")); }),
+              "[INTERNAL_INCONSISTENCY] non-zero padding");
+    EXPECT_TRUE(log.Contains("[QOB][ERROR] in ReadEnd padding_size=65537"));
+    EXPECT_TRUE(
+        log.Contains("[QOB][ERROR] in Archive::[\"" + path.string() + "\"]::Read path=\"p65537\""));
+    EXPECT_EQ(ExceptionText([&] { archive.Read(QOB::Path("p65536")); }),
+              "[CANNOT_READ_FILE_PCK] minizip returned UNZ_CRCERROR");
+}
+
+TEST(FramingTest, FileModificationTimeFallsBackToNow) {
+    qobtest::TempDir dir;
+    const auto file = dir / "stamp.txt";
+    qobtest::WriteFile(file, "x");
+    const auto stamp = std::filesystem::file_time_type::clock::now() - std::chrono::hours(50);
+    std::filesystem::last_write_time(file, stamp);
+    const std::time_t before = std::time(nullptr);
+    std::tm expected = QOB::GetFileModificationTime(file);
+    EXPECT_NEAR(static_cast<double>(std::mktime(&expected)),
+                static_cast<double>(before - 50 * 3600), 2.0);
+
+    qobtest::LogCapture log(&QOB::SetLogSink);
+    std::tm now = QOB::GetFileModificationTime(dir / "missing");
+    EXPECT_NEAR(static_cast<double>(std::mktime(&now)), static_cast<double>(before), 5.0);
+    ASSERT_EQ(log.lines.size(), 3u);
+    EXPECT_EQ(log.lines[0].text, "[QOB][WARN ] GetFileModificationTime: failed to stat \"" +
+                                     (dir / "missing").string() + "\"");
+    EXPECT_EQ(log.lines[1].text, "[QOB][WARN ] GetFileModificationTime: invalid st_mtime");
+    EXPECT_EQ(log.lines[2].text,
+              "[QOB][WARN ] GetFileModificationTime: falling back to current time");
+}
+
+} // namespace

@@ -1,0 +1,247 @@
+#include "archive/archive.hpp"
+#include "archive/minizip/unzip.hpp"
+#include "archive/read_cache.hpp"
+#include "archive/zip_handle.hpp"
+#include "archive/zip_results.hpp"
+
+#include "common/test_files.hpp"
+#include "support/exception.hpp"
+#include "support/log.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
+namespace {
+
+using namespace QOB::MiniZip;
+
+// A file in memory behind the raw table, counting what the cache asks of it.
+struct MemoryFile {
+    std::string data;
+    std::uint32_t position = 0;
+    int reads = 0;
+    std::vector<std::uint32_t> seeks;
+
+    static MemoryFile& Of(void* opaque) { return *static_cast<MemoryFile*>(opaque); }
+
+    zlib_filefunc_def Table() {
+        zlib_filefunc_def table;
+        table.zread_file = [](void* o, void*, void* buffer, std::uint32_t size) {
+            MemoryFile& f = Of(o);
+            ++f.reads;
+            const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(
+                size, f.data.size() - std::min<std::size_t>(f.position, f.data.size())));
+            std::memcpy(buffer, f.data.data() + f.position, count);
+            f.position += count;
+            return count;
+        };
+        table.zwrite_file = [](void* o, void*, const void* buffer, std::uint32_t size) {
+            MemoryFile& f = Of(o);
+            f.data.resize(std::max<std::size_t>(f.data.size(), f.position + size));
+            std::memcpy(f.data.data() + f.position, buffer, size);
+            f.position += size;
+            return size;
+        };
+        table.ztell_file = [](void* o, void*) { return static_cast<long>(Of(o).position); };
+        table.zseek_file = [](void* o, void*, std::uint32_t offset, int origin) {
+            MemoryFile& f = Of(o);
+            EXPECT_EQ(origin, kSeekSet);
+            f.seeks.push_back(offset);
+            f.position = offset;
+            return 0L;
+        };
+        table.zerror_file = [](void*, void*) { return 7; };
+        table.opaque = this;
+        return table;
+    }
+};
+
+TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
+    MemoryFile file;
+    for (int i = 0; i < 20000; ++i) {
+        file.data += static_cast<char>(i * 7 % 251);
+    }
+    ReadCache cache;
+    int stream = 0;
+    cache.stream = &stream;
+    cache.raw = file.Table();
+    const zlib_filefunc_def table = BufferedFileFunctions(&cache);
+    EXPECT_EQ(table.zopen_file(table.opaque, "name", 7), nullptr);
+    ASSERT_EQ(table.zopen_file(table.opaque, nullptr, 7), &stream);
+
+    std::vector<char> out(2000);
+    auto read = [&](std::uint32_t size) {
+        return table.zread_file(table.opaque, &stream, out.data(), size);
+    };
+    auto expectFrom = [&](std::size_t at, std::size_t size) {
+        EXPECT_EQ(std::string(out.data(), size), file.data.substr(at, size)) << at;
+    };
+
+    // Small reads come from one 4096-byte block.
+    ASSERT_EQ(read(10), 10u);
+    expectFrom(0, 10);
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(table.ztell_file(table.opaque, &stream), 10);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(read(1000 - 1), 999u); // below the bypass size
+    }
+    ASSERT_EQ(read(84), 84u); // 4090 of 4096 used
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(table.ztell_file(table.opaque, &stream), 4090);
+
+    // The 6 unread bytes are skipped: the next block starts at the end of the first one.
+    ASSERT_EQ(read(30), 30u);
+    expectFrom(4096, 30);
+    EXPECT_EQ(file.reads, 2);
+    EXPECT_EQ(cache.start, 4096u);
+
+    // A large read bypasses the cache, after skipping what is left of the block.
+    ASSERT_EQ(read(1024), 1024u);
+    expectFrom(8192, 1024);
+    EXPECT_EQ(file.seeks.back(), 8192u);
+    EXPECT_EQ(table.ztell_file(table.opaque, &stream), 9216);
+
+    // A write after a partial block lands at the end of that block, not at tell().
+    ASSERT_EQ(read(4), 4u);
+    ASSERT_EQ(table.zwrite_file(table.opaque, &stream, "WXYZ", 4), 4u);
+    EXPECT_EQ(file.data.substr(13312, 4), "WXYZ");
+    EXPECT_TRUE(cache.bytes.empty());
+
+    // A short block at the end of the file.
+    ASSERT_EQ(table.zseek_file(table.opaque, &stream, 19990, kSeekSet), 0);
+    ASSERT_EQ(read(20), 10u);
+    expectFrom(19990, 10);
+    ASSERT_EQ(read(5), 0u);
+
+    EXPECT_EQ(table.zclose_file(table.opaque, &stream), 0);
+    EXPECT_EQ(table.zclose_file(nullptr, &stream), -1);
+    EXPECT_EQ(table.zerror_file(table.opaque, &stream), 7);
+    EXPECT_EQ(table.zerror_file(nullptr, &stream), 1);
+}
+
+TEST(ZipHandleTest, ResultChecksMapCodesAndMessages) {
+    struct Case {
+        int result;
+        int code;
+        const char* zip;
+        const char* unzip;
+    };
+    const Case cases[] = {
+        {-1, -15, "ZIP_ERRNO", "UNZ_ERRNO"},
+        {-100, -15, "an unknown zip error code", "UNZ_END_OF_LIST_OF_FILE"},
+        {-102, -7, "ZIP_PARAMERROR", "UNZ_PARAMERROR"},
+        {-103, -10, "ZIP_BADZIPFILE", "UNZ_BADZIPFILE"},
+        {-104, -15, "ZIP_INTERNALERROR", "UNZ_INTERNALERROR"},
+        {-105, -2, "ZIP_FILENOTINPACKAGE", "UNZ_CRCERROR"},
+        {1, -15, "an unknown zip error code", "an unknown unzip error code"},
+    };
+    EXPECT_NO_THROW(CheckZipResult(0));
+    EXPECT_NO_THROW(CheckUnzipResult(0));
+    for (const auto& c : cases) {
+        try {
+            CheckZipResult(c.result);
+            ADD_FAILURE() << c.result;
+        } catch (const QOB::Exception& e) {
+            EXPECT_EQ(e.code(), c.code) << c.result;
+            EXPECT_TRUE(std::string(e.what()).ends_with(std::string("minizip returned ") + c.zip));
+        }
+        try {
+            CheckUnzipResult(c.result);
+            ADD_FAILURE() << c.result;
+        } catch (const QOB::Exception& e) {
+            EXPECT_EQ(e.code(), c.result == -100 ? -2 : c.result == -105 ? -10 : c.code);
+            EXPECT_TRUE(
+                std::string(e.what()).ends_with(std::string("minizip returned ") + c.unzip));
+        }
+    }
+}
+
+int CodeOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const QOB::Exception& e) {
+        return e.code();
+    }
+    return 0;
+}
+
+TEST(ZipHandleTest, OpenCreateAndSwitch) {
+    qobtest::TempDir dir;
+    const auto path = dir / "a.zip";
+    EXPECT_EQ(CodeOf([&] { Handle h(path, true); }), PACKAGE_NOT_FOUND);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    qobtest::WriteFile(path, "keep me");
+    EXPECT_EQ(CodeOf([&] { Handle h(path, false); }), CANNOT_REMOVE_FILE);
+    EXPECT_EQ(qobtest::ReadFile(path), "keep me");
+    // Not a zip: the reader opened at construction fails it, and the file is released.
+    EXPECT_LT(CodeOf([&] { Handle h(path, true); }), 0);
+    std::filesystem::remove(path);
+
+    {
+        QOB::Archive archive(path, false);
+        const std::byte one[1] = {std::byte{1}};
+        archive.Insert(QOB::Path("one"), one, 1, 0);
+    }
+    Handle handle(path, true);
+    const std::string before = qobtest::ReadFile(path);
+    void* zip = handle.Zip();
+    ASSERT_NE(zip, nullptr);
+    EXPECT_EQ(handle.Zip(), zip);
+    // The reader after the writer sees a finished directory.
+    void* unzip = handle.Unzip();
+    ASSERT_NE(unzip, nullptr);
+    EXPECT_EQ(unzLocateFile(unzip, "ONE"), UNZ_OK);
+    handle.Flush(); // with the reader open: nothing written
+    EXPECT_TRUE(qobtest::ReadFile(path) == before);
+}
+
+#ifndef _WIN32
+TEST(ZipHandleTest, ReadOnlyFileIsReadThenRefusedAtTheWriter) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "permissions do not bind root";
+    }
+    qobtest::TempDir dir;
+    const auto path = dir / "ro.zip";
+    {
+        QOB::Archive archive(path, false);
+        archive.Insert(QOB::Path("x"), reinterpret_cast<const std::byte*>("abc"), 3, 2);
+    }
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+    const std::string before = qobtest::ReadFile(path);
+    qobtest::LogCapture log(&QOB::SetLogSink);
+    QOB::Archive archive(path, true);
+    EXPECT_TRUE(log.Contains("[QOB][WARN ] failed to open archive for read-write, retrying with "
+                             "read-only mode: \"" +
+                             path.string() + "\""));
+    EXPECT_EQ(archive.Read(QOB::Path("x")).size(), 3u);
+    EXPECT_LT(CodeOf([&] {
+                  archive.Insert(QOB::Path("y"), reinterpret_cast<const std::byte*>("d"), 1, 0);
+              }),
+              0);
+    EXPECT_TRUE(qobtest::ReadFile(path) == before);
+}
+
+TEST(ZipHandleTest, WarnsAboveFourGigabytes) {
+    qobtest::TempDir dir;
+    const auto path = dir / "big.zip";
+    for (const std::uintmax_t size : {std::uintmax_t{0xFFFFFFFF}, std::uintmax_t{0x100000000}}) {
+        { std::ofstream create(path, std::ios::binary | std::ios::trunc); }
+        std::filesystem::resize_file(path, size); // sparse
+        qobtest::LogCapture log(&QOB::SetLogSink);
+        EXPECT_LT(CodeOf([&] { Handle h(path, true); }), 0); // zeros are no zip
+        EXPECT_EQ(log.Count("archive requires 64-bit ZIP support: \"" + path.string() + "\""),
+                  size > 0xFFFFFFFF ? 1u : 0u);
+    }
+}
+#endif
+
+} // namespace
