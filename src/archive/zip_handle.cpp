@@ -110,12 +110,6 @@ void* Handle::Unzip() {
     if (std::holds_alternative<ZipOpenState>(state_)) {
         ZipClose();
     }
-    if (std::holds_alternative<std::monostate>(state_) && !exists_) {
-        // A new archive holds no zip yet: writing the empty directory makes it one, so that
-        // a lookup before the first insert answers "not there" instead of failing.
-        ZipOpen();
-        ZipClose();
-    }
     if (std::holds_alternative<std::monostate>(state_)) {
         UnzipOpen();
     }

@@ -1,0 +1,98 @@
+// QOB_Create: a new package from a raw image and its companion files, then all manifests.
+#include "api/operations.hpp"
+#include "api/package_files.hpp"
+#include "api/package_info_ptr.hpp"
+#include "api/record_validation.hpp"
+
+#include "archive/archive.hpp"
+#include "archive/defer.hpp"
+#include "archive/path.hpp"
+#include "package/entry_list.hpp"
+#include "package/manifest_format.hpp"
+#include "package/manifest_writer.hpp"
+#include "package/package_content.hpp"
+#include "support/exception.hpp"
+#include "support/fixed_string.hpp"
+#include "support/utf8_path.hpp"
+
+#include <cstring>
+
+namespace QOB {
+namespace {
+
+// The working description: the host's entries copied, lists in arrays of our own.
+PackageInfoPtr ConvertPackingInfo(const QOB_CreateArgs& args) {
+    PackageInfoPtr info(new QOB_PackageInfo());
+    QOB_ImageFiles& files = info->files;
+    const QOB_ImageFiles& source = args.files;
+    files.raw = source.raw;
+    files.settings = source.settings;
+    files.proxy = source.proxy;
+    files.mask = source.mask;
+    files.hair = source.hair;
+    files.uLccCount = source.uLccCount;
+    if (source.uLccCount > 0) {
+        files.pLccs = AllocateEntryList(source.uLccCount);
+        std::memcpy(files.pLccs, source.pLccs, source.uLccCount * sizeof(QOB_EntryInfo));
+    }
+    files.uIccCount = source.uIccCount;
+    if (source.uIccCount > 0) {
+        files.pIccs = AllocateEntryList(source.uIccCount);
+        std::memcpy(files.pIccs, source.pIccs, source.uIccCount * sizeof(QOB_EntryInfo));
+    }
+    return info;
+}
+
+// Adds source under its internal name and records that name in target. False when the
+// source has no content to add (no such file, empty buffer).
+bool AddToPackage(Archive& archive, const QOB_EntryInfo& source, QOB_EntryInfo& target,
+                  EntryKind kind, std::string_view base) {
+    if (ValidateData(source) != SUCCESS) {
+        target.szPath[0] = '\0'; // the manifests must not name a file the package lacks
+        return false;
+    }
+    const std::string entryPath = InternalEntryPath(source, kind, base);
+    if (!CopyToField(target.szPath, entryPath.c_str())) {
+        throw Exception(INVALID_PARAMETER, "entryPath too long");
+    }
+    AddFileToPackage(archive, source, Path(entryPath));
+    return true;
+}
+
+} // namespace
+
+void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
+    QOB_FAILURE_TRAIL("in QOB_Create_Unlocked");
+    if (args == nullptr) {
+        throw Exception(INVALID_POINTER, "argument is null");
+    }
+    RequireValid(*args);
+    PackageInfoPtr info = ConvertPackingInfo(*args);
+    Archive archive(PathFromUtf8(args->szPackagePath), false);
+
+    const QOB_ImageFiles& from = args->files;
+    QOB_ImageFiles& to = info->files;
+    const std::string base(ImageBaseName(from.raw));
+    if (!AddToPackage(archive, from.raw, to.raw, EntryKind::Raw, base)) {
+        throw Exception(FILE_NOT_FOUND, "failed to add raw image to package");
+    }
+    // Every companion is optional: one that is absent is skipped.
+    AddToPackage(archive, from.proxy, to.proxy, EntryKind::Proxy, base);
+    AddToPackage(archive, from.settings, to.settings, EntryKind::Settings, base);
+    for (std::uint32_t i = 0; i < from.uLccCount; ++i) {
+        AddToPackage(archive, from.pLccs[i], to.pLccs[i], EntryKind::Lcc, base);
+    }
+    for (std::uint32_t i = 0; i < from.uIccCount; ++i) {
+        AddToPackage(archive, from.pIccs[i], to.pIccs[i], EntryKind::Icc, base);
+    }
+    AddToPackage(archive, from.mask, to.mask, EntryKind::Mask, base);
+    AddToPackage(archive, from.hair, to.hair, EntryKind::Hair, base);
+
+    GenerateManifestInMem(info.get());
+    for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
+        PutManifestInZip(archive, ManifestText(*info, row), kManifestNames[row], true);
+    }
+    archive.Flush();
+}
+
+} // namespace QOB

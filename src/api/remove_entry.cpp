@@ -1,0 +1,54 @@
+// QOB_RemoveEntry: deletes one entry from a package, then every reference to it from the
+// manifests, so that they keep describing exactly what the zip holds.
+#include "api/operations.hpp"
+#include "api/package_info_ptr.hpp"
+
+#include "archive/archive.hpp"
+#include "archive/defer.hpp"
+#include "archive/path.hpp"
+#include "package/manifest_format.hpp"
+#include "package/manifest_writer.hpp"
+#include "support/exception.hpp"
+#include "support/fixed_string.hpp"
+#include "support/format.hpp"
+#include "support/log.hpp"
+#include "support/utf8_path.hpp"
+
+#include <cstring>
+
+namespace QOB {
+
+void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFilePathInPackage) {
+    QOB_FAILURE_TRAIL("in QOB_RemoveEntry_Unlocked");
+    if (szPackageFullPath == nullptr) {
+        throw Exception(INVALID_POINTER, "argument szPackageFullPath is null");
+    }
+    if (szFilePathInPackage == nullptr) {
+        throw Exception(INVALID_POINTER, "argument szFilePathInPackage is null");
+    }
+    Archive archive(PathFromUtf8(szPackageFullPath), true);
+    archive.Remove(Path(szFilePathInPackage));
+    // Only this one manifest name ends the call here; other manifests are ordinary entries.
+    if (std::strcmp(szFilePathInPackage, kManifestNames[kLastManifestRow]) == 0) {
+        return;
+    }
+
+    PackageInfoPtr info = MakeEmptyPackageInfo();
+    if (!CopyToField(info->szPackagePath, szPackageFullPath)) {
+        throw Exception(INVALID_PARAMETER, "failed to copy package path");
+    }
+    QOB_GetPackageInfo_Unlocked(info.get());
+    GenerateManifestInMem(info.get());
+    for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
+        char* text = ManifestText(*info, row);
+        if (DeleteFileFromManifest(text, szFilePathInPackage) != SUCCESS) {
+            LogWarn(Format("QOB_RemoveEntry: failed to delete manifest \"%s\"",
+                           kManifestNames[row]));
+            continue;
+        }
+        PutManifestInZip(archive, text, kManifestNames[row], false);
+    }
+    archive.Flush();
+}
+
+} // namespace QOB
