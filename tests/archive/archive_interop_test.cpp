@@ -1,0 +1,181 @@
+// Other zip tools read what we write, and we read what they write.
+#include "archive/archive.hpp"
+
+#include "common/test_files.hpp"
+#include "support/log.hpp"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace {
+
+bool Have(const std::string& tool) {
+    return qobtest::Run("command -v " + tool + " >/dev/null 2>&1") == 0;
+}
+
+std::string Quote(const std::filesystem::path& path) {
+    return "'" + path.string() + "'";
+}
+
+// Exit status of each tool's own test of the archive: unzip, 7z, bsdtar, Python's zipfile.
+struct Verdicts {
+    int unzip = -1, sevenZip = -1, bsdtar = -1, python = -1;
+};
+
+Verdicts Check(const std::filesystem::path& zip) {
+    const std::string quiet = " >/dev/null 2>&1";
+    Verdicts v;
+    v.unzip = qobtest::Run("unzip -t " + Quote(zip) + quiet);
+    v.sevenZip = qobtest::Run("7z t " + Quote(zip) + quiet);
+    v.bsdtar = qobtest::Run("bsdtar -tf " + Quote(zip) + quiet);
+    v.python = qobtest::Run(qobtest::Python() +
+                            " -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
+                            "sys.exit(0 if z.testzip() is None else 3)' " +
+                            Quote(zip) + quiet);
+    return v;
+}
+
+class ArchiveInteropTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+#ifdef _WIN32
+        GTEST_SKIP() << "the tools are not reachable from Windows test programs";
+#else
+        for (const char* tool : {"unzip", "7z", "bsdtar", "zip"}) {
+            if (!Have(tool)) {
+                GTEST_SKIP() << tool << " is not installed";
+            }
+        }
+        if (qobtest::Python().empty()) {
+            GTEST_SKIP() << "no Python";
+        }
+#endif
+        QOB::SetLogSink([](int, const char*, void*) {}, nullptr);
+    }
+    void TearDown() override {
+        QOB::SetLogSink(nullptr, nullptr);
+    }
+
+    qobtest::TempDir dir;
+};
+
+const std::byte* Bytes(const std::string& text) {
+    return reinterpret_cast<const std::byte*>(text.data());
+}
+
+TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
+    const auto path = dir / "ours.zip";
+    const std::string big = qobtest::RandomBytes(300000, 1);
+    {
+        QOB::Archive archive(path, false);
+        archive.Insert(QOB::Path("Settings/a.xml"), Bytes("<a/>"), 4, 16384);
+        archive.Insert(QOB::Path("raw/big.bin"), Bytes(big), big.size(), 0);
+        archive.Insert(QOB::Path("empty"), Bytes(""), 0, 10);
+        archive.Insert(QOB::Path("gone"), Bytes("xyz"), 3, 3);
+        archive.Insert(QOB::Path("last"), Bytes(std::string(65535, 'l')), 65535, 1);
+    }
+    auto expectAccepted = [&](const char* stage) {
+        const Verdicts v = Check(path);
+        EXPECT_EQ(v.unzip, 0) << stage;
+        EXPECT_EQ(v.sevenZip, 0) << stage;
+        EXPECT_EQ(v.bsdtar, 0) << stage;
+        EXPECT_EQ(v.python, 0) << stage;
+    };
+    expectAccepted("inserted");
+    {
+        QOB::Archive archive(path, true);
+        archive.Update(QOB::Path("Settings/a.xml"), Bytes("<b>longer</b>"), 13);
+        archive.Remove(QOB::Path("gone"));
+    }
+    expectAccepted("updated and removed");
+    EXPECT_EQ(qobtest::Run("unzip -p " + Quote(path) + " raw/big.bin > " + Quote(dir / "big")), 0);
+    EXPECT_TRUE(qobtest::ReadFile(dir / "big") == big);
+}
+
+// The content size field of a padded entry is a raw number, not a tagged extra block. From
+// 65,536 bytes of content on, its upper half reads as a nonzero block length running past
+// the field, which the tools report as a malformed extra field. We read the entry anyway.
+TEST_F(ArchiveInteropTest, PaddedEntryOf64KiBOrMore) {
+    const auto path = dir / "large.zip";
+    const std::string content = qobtest::RandomBytes(70000, 2);
+    {
+        QOB::Archive archive(path, false);
+        archive.Insert(QOB::Path("large.bin"), Bytes(content), content.size(), 100);
+    }
+    // 70000 = 0x00011170: block ID 0x1170 with length 1, and no byte left for it.
+    const Verdicts v = Check(path);
+    // "bad extra-field entry: EF block length (1 bytes) exceeds remaining EF data (0 bytes)",
+    // "At least one error was detected".
+    EXPECT_EQ(v.unzip, 2);
+    // "Everything is Ok" with "Archives with Warnings: 1".
+    EXPECT_EQ(v.sevenZip, 0);
+    // "Extra data overflow: Need 1 bytes but only found 0 bytes".
+    EXPECT_EQ(v.bsdtar, 1);
+    // zipfile.BadZipFile "Corrupt extra field 1170 (size=1)" when the archive is opened.
+    EXPECT_EQ(v.python, 1);
+    QOB::Archive archive(path, true);
+    const auto read = archive.Read(QOB::Path("large.bin"));
+    EXPECT_TRUE(std::string(reinterpret_cast<const char*>(read.data()), read.size()) == content);
+}
+
+TEST_F(ArchiveInteropTest, ReadsArchivesOfOtherTools) {
+    const auto source = dir / "src";
+    std::filesystem::create_directories(source / "sub");
+    const std::map<std::string, std::string> files = {
+        {"text.txt", std::string(50000, 'a') + "end"},
+        {"sub/random.bin", qobtest::RandomBytes(100000, 3)},
+        {"sub/empty", ""},
+    };
+    for (const auto& [name, content] : files) {
+        qobtest::WriteFile(source / name, content);
+    }
+    const std::string script = R"(
+import io, os, sys, zipfile
+src, out = sys.argv[1], sys.argv[2]
+names = ["text.txt", "sub/random.bin", "sub/empty"]
+for label, method in (("stored", zipfile.ZIP_STORED), ("deflated", zipfile.ZIP_DEFLATED)):
+    with zipfile.ZipFile(os.path.join(out, label + ".zip"), "w", method) as z:
+        for n in names:
+            z.write(os.path.join(src, n), n)
+class Unseekable(io.RawIOBase):
+    def __init__(self, f): self.f = f
+    def writable(self): return True
+    def write(self, b): return self.f.write(b)
+with open(os.path.join(out, "descriptor.zip"), "wb") as f:
+    with zipfile.ZipFile(Unseekable(f), "w", zipfile.ZIP_DEFLATED) as z:
+        for n in names:
+            with open(os.path.join(src, n), "rb") as s, z.open(n, "w") as d:
+                d.write(s.read())
+)";
+    qobtest::WriteFile(dir / "make.py", script);
+    ASSERT_EQ(qobtest::Run(qobtest::Python() + " " + Quote(dir / "make.py") + " " + Quote(source) +
+                           " " + Quote(dir.path())),
+              0);
+    const std::string names = " text.txt sub/random.bin sub/empty >/dev/null 2>&1";
+    ASSERT_EQ(
+        qobtest::Run("cd " + Quote(source) + " && zip -9 -X " + Quote(dir / "zip9.zip") + names),
+        0);
+    ASSERT_EQ(
+        qobtest::Run("cd " + Quote(source) + " && 7z a -tzip " + Quote(dir / "7z.zip") + names), 0);
+
+    for (const char* archiveName :
+         {"stored.zip", "deflated.zip", "descriptor.zip", "zip9.zip", "7z.zip"}) {
+        SCOPED_TRACE(archiveName);
+        QOB::Archive archive(dir / archiveName, true);
+        const auto entries = archive.List();
+        ASSERT_EQ(entries.size(), files.size());
+        for (const auto& entry : entries) {
+            const std::string& expected = files.at(entry.path);
+            EXPECT_EQ(entry.content_size, expected.size());
+            const auto read = archive.Read(QOB::Path(entry.path));
+            EXPECT_TRUE(std::string(reinterpret_cast<const char*>(read.data()), read.size()) ==
+                        expected)
+                << entry.path;
+        }
+        archive.Extract(QOB::Path("sub/random.bin"), dir / "out" / archiveName, true);
+        EXPECT_TRUE(qobtest::ReadFile(dir / "out" / archiveName) == files.at("sub/random.bin"));
+    }
+}
+
+} // namespace
