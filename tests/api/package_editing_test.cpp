@@ -306,6 +306,10 @@ TEST_F(PackageEditing, ExtractAllAndRemove) {
         EXPECT_EQ(std::strstr(info.record->szManifests[row], "ProxyPath"), nullptr) << row;
     }
     ExpectToolsAccept(package);
+    // An entry that no manifest mentions (a manifest copy): every manifest is written back.
+    ASSERT_EQ(QOB_RemoveEntry(package.string().c_str(), "manifest50.xml"), SUCCESS);
+    ASSERT_EQ(info.Read(package), SUCCESS);
+    EXPECT_NE(std::strstr(info.record->szManifests[1], "<RawPath>IMG_0001.CR3</RawPath>"), nullptr);
     // A missing entry fails with the zip layer's code.
     EXPECT_EQ(QOB_RemoveEntry(package.string().c_str(), "nope.bin"), FILE_NOT_IN_PACKAGE);
     // The last manifest copy goes without touching the others.
