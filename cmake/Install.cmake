@@ -1,0 +1,27 @@
+# cmake --install: the public header, the library, a CMake package (find_package(qob) gives
+# qob::qob) and a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(QOB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/qob)
+
+install(TARGETS qob EXPORT qobTargets
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/qob/qob.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qob)
+install(EXPORT qobTargets NAMESPACE qob:: DESTINATION ${QOB_CMAKE_DIR})
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qobConfig.cmake.in
+                              ${PROJECT_BINARY_DIR}/qobConfig.cmake
+                              INSTALL_DESTINATION ${QOB_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/qobConfigVersion.cmake
+                                 VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qobConfig.cmake ${PROJECT_BINARY_DIR}/qobConfigVersion.cmake
+        DESTINATION ${QOB_CMAKE_DIR})
+
+# pkg-config: paths relative to the prefix the package ends up in, so the tree can move.
+file(RELATIVE_PATH QOB_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/qob.pc.in ${PROJECT_BINARY_DIR}/qob.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qob.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
