@@ -98,8 +98,16 @@ int RunCreate(const Args& args) {
     create->files = companions.files;
     create->files.raw = FileEntry(*raw, 0, "", "raw image path");
     CopyField(create->szPackagePath, package, "package path");
+    // The library may leave a partial package behind when it fails; a new one goes again.
+    std::error_code error;
+    const std::filesystem::path file = PathFromUtf8(package);
+    const bool existed = std::filesystem::exists(file, error);
     BeginCall();
-    Check(QOB_Create(create.get()), "QOB_Create");
+    const QobErrorCode_e result = QOB_Create(create.get());
+    if (result != SUCCESS && !existed) {
+        std::filesystem::remove(file, error);
+    }
+    Check(result, "QOB_Create");
     std::printf("created %s\n", package.c_str());
     return 0;
 }

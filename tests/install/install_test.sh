@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Installs a built tree into a temporary prefix, then builds and runs a small host against it
+# twice: through find_package(qob) and through pkg-config.
+# usage: install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR C_COMPILER
+set -euo pipefail
+
+build=$1
+consumer=$2
+cc=$3
+work=$(mktemp -d "${TMPDIR:-/tmp}/qob install.XXXXXX") # a space in every path
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+fail() {
+  echo "install_test: $*" >&2
+  exit 1
+}
+[[ -f $prefix/include/qob/qob.h ]] || fail "header not installed"
+pc=$(find "$prefix" -name qob.pc -path '*/pkgconfig/*')
+[[ -n $pc ]] || fail "qob.pc not installed"
+libdir=$(dirname "$(dirname "$pc")")
+[[ -e $libdir/libqob.so ]] || fail "library not installed in $libdir"
+[[ -f $libdir/cmake/qob/qobConfig.cmake && -f $libdir/cmake/qob/qobConfigVersion.cmake ]] \
+  || fail "CMake package files not installed"
+
+# The installed tool finds the installed library.
+answer=$("$prefix/bin/qob" check "$work/absent.qob" || true)
+[[ $answer == *PACKAGE_NOT_FOUND* ]] || fail "installed qob: $answer"
+
+echo "--- find_package(qob)"
+cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+"$work/cmake-build/consumer" "$work" | tail -n 1 # the library logs to stdout by default
+
+echo "--- pkg-config"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+[[ $(pkg-config --modversion qob) == "$(sed -n 's/^Version: //p' "$pc")" ]] || fail "pkg-config"
+# The .pc file's paths are relative to its own place, so the flags name the temporary prefix.
+# pkg-config escapes the spaces in them with backslashes: let the shell undo that.
+eval "flags=($(pkg-config --cflags --libs qob))"
+[[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/consumer.c" "${flags[@]}" \
+  -Wl,-rpath,"$libdir"
+"$work/pc-consumer" "$work" | tail -n 1
