@@ -25,13 +25,16 @@ std::size_t RecordSize(QOB_ObjectType type) {
     }
 }
 
-void ReleaseList(std::uint32_t& count, QOB_EntryInfo*& entries) noexcept {
+// Returns what the record keeps as its list pointer. The pointer fields of the packed records
+// may sit off their natural alignment, so they are passed by value and assigned by the caller.
+QOB_EntryInfo* ReleaseList(std::uint32_t& count, QOB_EntryInfo* entries) noexcept {
     // A list whose count is 0 is left alone, even with a pointer: it is not ours to judge.
-    if (count > 0) {
-        count = 0;
-        FreeEntryList(entries);
-        entries = nullptr;
+    if (count == 0) {
+        return entries;
     }
+    count = 0;
+    FreeEntryList(entries);
+    return nullptr;
 }
 
 } // namespace
@@ -52,8 +55,8 @@ void QOB_Destructor_Unlocked(void* record, QOB_ObjectType type) {
     RecordSize(type);
     if (type == QOB_OBJECT_PACKAGE_INFO) {
         auto& files = static_cast<QOB_PackageInfo*>(record)->files;
-        ReleaseList(files.uLccCount, files.pLccs);
-        ReleaseList(files.uIccCount, files.pIccs);
+        files.pLccs = ReleaseList(files.uLccCount, files.pLccs);
+        files.pIccs = ReleaseList(files.uIccCount, files.pIccs);
     }
 }
 

@@ -40,13 +40,16 @@ void UpdateEntry(const UpdateContext& context, QOB_EntryInfo& current,
     UpdateFileInPackage(context.archive, incoming, Path(entryPath), compact);
 }
 
-// Appends count zeroed slots to a list of the working description.
-void GrowList(std::uint32_t& count, QOB_EntryInfo*& entries, std::uint32_t added) {
+// Appends count zeroed slots to a list of the working description; returns the list. The
+// pointer fields of the packed records may sit off their natural alignment, so they are
+// passed by value and assigned by the caller.
+QOB_EntryInfo* GrowList(std::uint32_t& count, QOB_EntryInfo* entries, std::uint32_t added) {
     if (added == 0) {
-        return;
+        return entries;
     }
     entries = ResizeEntryList(entries, count, count + added);
     count += added;
+    return entries;
 }
 
 } // namespace
@@ -64,8 +67,8 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
     const QOB_ImageFiles& incoming = args->files;
     const std::uint32_t oldLccs = current.uLccCount;
     const std::uint32_t oldIccs = current.uIccCount;
-    GrowList(current.uLccCount, current.pLccs, incoming.uLccCount);
-    GrowList(current.uIccCount, current.pIccs, incoming.uIccCount);
+    current.pLccs = GrowList(current.uLccCount, current.pLccs, incoming.uLccCount);
+    current.pIccs = GrowList(current.uIccCount, current.pIccs, incoming.uIccCount);
 
     UpdateEntry(context, current.proxy, incoming.proxy, EntryKind::Proxy, false, false);
     UpdateEntry(context, current.settings, incoming.settings, EntryKind::Settings, false, false);

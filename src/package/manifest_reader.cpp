@@ -180,12 +180,15 @@ Xml::Node LastWith(const std::vector<Xml::Node>& files, std::string_view name) {
     return {};
 }
 
-void FillList(Archive& archive, const Xml::Node& container, std::string_view itemName,
-              const char* attribute, std::uint32_t& count, QOB_EntryInfo*& entries) {
+// A list for the items of container, empty (null) when there are none.
+QOB_EntryInfo* NewList(const Xml::Node& container, std::string_view itemName) {
     const auto items = static_cast<std::uint32_t>(container.ChildCount(itemName));
-    count = items;
-    entries = items > 0 ? AllocateEntryList(items) : nullptr;
-    for (std::uint32_t k = 0; k < items; ++k) {
+    return items > 0 ? AllocateEntryList(items) : nullptr;
+}
+
+void FillList(Archive& archive, const Xml::Node& container, std::string_view itemName,
+              const char* attribute, QOB_EntryInfo* entries, std::uint32_t count) {
+    for (std::uint32_t k = 0; k < count; ++k) {
         PopulateInfoFromXml(archive, &entries[k], container.Child(itemName, k), attribute);
     }
 }
@@ -230,8 +233,17 @@ void GetPackageInfoInternal(Archive& archive, QOB_PackageInfo& info) {
     }
     PopulateInfoFromXml(archive, &image.settings, LastWith(files, kSettingsPath), nullptr);
     PopulateInfoFromXml(archive, &image.proxy, LastWith(files, kProxyPath), nullptr);
-    FillList(archive, LastWith(files, kLccs), kLccPath, "LccID", image.uLccCount, image.pLccs);
-    FillList(archive, LastWith(files, kIccs), kIccPath, "IccID", image.uIccCount, image.pIccs);
+    // Each list is handed to the record before it is filled, so that the record owns it even
+    // when filling fails. The pointer fields of the packed records may sit off their natural
+    // alignment: they are assigned directly, never bound to a reference.
+    const Xml::Node lccs = LastWith(files, kLccs);
+    image.pLccs = NewList(lccs, kLccPath);
+    image.uLccCount = static_cast<std::uint32_t>(lccs.ChildCount(kLccPath));
+    FillList(archive, lccs, kLccPath, "LccID", image.pLccs, image.uLccCount);
+    const Xml::Node iccs = LastWith(files, kIccs);
+    image.pIccs = NewList(iccs, kIccPath);
+    image.uIccCount = static_cast<std::uint32_t>(iccs.ChildCount(kIccPath));
+    FillList(archive, iccs, kIccPath, "IccID", image.pIccs, image.uIccCount);
     PopulateInfoFromXml(archive, &image.mask, LastWith(files, kMaskPath), nullptr);
     PopulateInfoFromXml(archive, &image.hair, LastWith(files, kHairPath), nullptr);
 }
