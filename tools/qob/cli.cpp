@@ -31,7 +31,7 @@ std::vector<std::string> ParsedArgs::All(std::string_view name) const {
     return values;
 }
 
-ParsedArgs ParseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& spec) {
+ParsedArgs ParseArgs(const std::vector<std::string>& args, const std::vector<OptionDef>& known) {
     ParsedArgs parsed;
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -46,8 +46,8 @@ ParsedArgs ParseArgs(const std::vector<std::string>& args, const std::vector<Opt
         }
         const std::size_t equals = arg.find('=');
         const std::string name = arg.substr(0, equals);
-        const OptionSpec* found = nullptr;
-        for (const OptionSpec& option : spec) {
+        const OptionDef* found = nullptr;
+        for (const OptionDef& option : known) {
             if (option.name == name) {
                 found = &option;
             }

@@ -20,7 +20,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
     std::string_view name; // with its dashes, e.g. "--raw"
     bool takesValue;
 };
@@ -37,7 +37,7 @@ struct ParsedArgs {
 
 // Accepts "--name value" and "--name=value"; "--" ends the options. Unknown options and
 // missing values are UsageErrors.
-ParsedArgs ParseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& spec);
+ParsedArgs ParseArgs(const std::vector<std::string>& args, const std::vector<OptionDef>& known);
 
 // Requires exactly the named positional arguments.
 void RequirePositional(const ParsedArgs& parsed, const std::vector<std::string_view>& names);

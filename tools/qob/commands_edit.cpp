@@ -13,7 +13,7 @@
 namespace qobtool {
 namespace {
 
-const std::vector<OptionSpec> kCompanionOptions = {
+const std::vector<OptionDef> kCompanionOptions = {
     {"--settings", true}, {"--proxy", true}, {"--lcc", true},     {"--icc", true},
     {"--mask", true},     {"--hair", true},  {"--reserve", true},
 };
@@ -82,9 +82,9 @@ struct Companions {
 } // namespace
 
 int RunCreate(const Args& args) {
-    std::vector<OptionSpec> spec = kCompanionOptions;
-    spec.push_back({"--raw", true});
-    const ParsedArgs parsed = ParseArgs(args, spec);
+    std::vector<OptionDef> known = kCompanionOptions;
+    known.push_back({"--raw", true});
+    const ParsedArgs parsed = ParseArgs(args, known);
     RequirePositional(parsed, {"PKG"});
     const std::optional<std::string> raw = parsed.Get("--raw");
     if (!raw) {
