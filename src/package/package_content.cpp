@@ -53,11 +53,16 @@ QobErrorCode_e ValidateData(const QOB_EntryInfo& entry) {
 UpdateSteps GetUpdateSteps(Archive& archive, const Path& path, std::uint64_t size, bool compact) {
     QOB_FAILURE_TRAIL("in GetUpdateSteps");
     const bool exists = archive.Contains(path);
-    const std::uint64_t space = exists ? archive.Get(path).allocated_size : 0;
+    UpdateSteps steps;
+    std::uint64_t space = 0;
+    if (exists) {
+        Entry entry = archive.Get(path);
+        space = entry.allocated_size;
+        steps.storedName = std::move(entry.path);
+    }
     // Single precision on purpose: the threshold must land where it always has.
     const float sizeF = static_cast<float>(size);
     const float threshold = static_cast<float>(space) * 0.8f;
-    UpdateSteps steps;
     if (space < size || (compact && threshold > sizeF)) {
         steps.remove = exists;
         steps.insert = true;
@@ -73,10 +78,10 @@ void UpdateEntryFromMemory(Archive& archive, const Path& path, const std::byte* 
     QOB_FAILURE_TRAIL("in UpdateEntryFromMemory");
     const UpdateSteps steps = GetUpdateSteps(archive, path, length, compact);
     if (steps.updateInPlace) {
-        archive.Update(path, content, length);
+        archive.Update(Path(steps.storedName), content, length);
     }
     if (steps.remove) {
-        archive.Remove(path);
+        archive.Remove(Path(steps.storedName));
     }
     if (steps.insert) {
         archive.Insert(path, content, length, padding);
@@ -96,10 +101,10 @@ void UpdateEntryFromFile(Archive& archive, const Path& path, const std::filesyst
     if (steps.updateInPlace) {
         // Read all first, so that a short or growing file leaves the package untouched.
         const std::vector<std::byte> bytes = ReadWholeFile(in, size);
-        archive.Update(path, bytes.data(), bytes.size());
+        archive.Update(Path(steps.storedName), bytes.data(), bytes.size());
     }
     if (steps.remove) {
-        archive.Remove(path);
+        archive.Remove(Path(steps.storedName));
     }
     if (steps.insert) {
         archive.Insert(path, file, entry.uReservedSpace);

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 namespace QOB {
 
@@ -21,6 +22,8 @@ struct UpdateSteps {
     bool updateInPlace = false;
     bool remove = false;
     bool insert = false;
+    // The existing entry's name as stored: lookups ignore letter case, rewrites do not.
+    std::string storedName;
 };
 
 // In place whenever the new content fits the entry's space, except that with compact a new

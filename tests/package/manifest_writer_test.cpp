@@ -195,9 +195,7 @@ TEST(ManifestWriter, UpdateStepsFollowTheSpaceRule) {
 
 // An entry found under a name that differs only in letter case counts as present (the
 // lookup ignores case), so content that fits must be rewritten in place under that entry.
-// Disabled while it fails: the rewrite (and the removal) look the entry up by the caller's
-// spelling, case-sensitively, and throw FILE_NOT_IN_PACKAGE.
-TEST(ManifestWriter, DISABLED_UpdateInPlaceWhereTheNameDiffersInCase) {
+TEST(ManifestWriter, UpdateInPlaceWhereTheNameDiffersInCase) {
     qobtest::TempDir dir;
     const auto file = dir / "case.qob";
     qobtest::BuildPackage(file, {{"Quillmarsh/Settings1680/IMG.XMP", std::string(100, 'a'), 100}});
