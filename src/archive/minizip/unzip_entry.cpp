@@ -121,16 +121,14 @@ int OpenCurrent(UnzReader& reader) {
     return UNZ_OK;
 }
 
-// Hands the inflater the next piece of compressed data; false when none is left or the
-// read fails (then `result` says which).
-bool Refill(UnzReader& reader, ReadEntry& entry, int& result) {
-    if (entry.compressedLeft == 0) {
-        result = UNZ_BADZIPFILE; // the stream needs more than the entry holds
-        return false;
+// Hands the inflater the next piece of compressed data once it has used up the last one.
+// With nothing left to give it carries on with what it holds.
+bool Refill(UnzReader& reader, ReadEntry& entry) {
+    if (entry.inflate->avail_in > 0 || entry.compressedLeft == 0) {
+        return true;
     }
     const std::uint32_t chunk = std::min(entry.compressedLeft, kInputChunk);
     if (!reader.file.ReadAt(entry.position, entry.input.data(), chunk)) {
-        result = UNZ_ERRNO;
         return false;
     }
     entry.position += chunk;
@@ -148,9 +146,10 @@ int Inflated(ReadEntry& entry, int zlibResult) noexcept {
         return UNZ_OK;
     case Z_OK:
         return UNZ_OK;
-    // No progress was possible: fine only when the input is used up and more can come.
+    // No progress was possible: fine only when the input is used up and more can come;
+    // otherwise the stream needs more than the entry holds.
     case Z_BUF_ERROR:
-        return entry.inflate->avail_in == 0 ? UNZ_OK : UNZ_BADZIPFILE;
+        return entry.inflate->avail_in == 0 && entry.compressedLeft > 0 ? UNZ_OK : UNZ_BADZIPFILE;
     case Z_MEM_ERROR:
         return UNZ_INTERNALERROR;
     default:
@@ -167,9 +166,8 @@ int InflateInto(UnzReader& reader, ReadEntry& entry, std::uint8_t* buffer, std::
         if (entry.streamEnded) {
             return UNZ_BADZIPFILE; // ended before the size the directory gives
         }
-        int result = UNZ_OK;
-        if (stream.avail_in == 0 && !Refill(reader, entry, result)) {
-            return result;
+        if (!Refill(reader, entry)) {
+            return UNZ_ERRNO;
         }
         const int inflated = inflate(&stream, Z_SYNC_FLUSH);
         if (const int checked = Inflated(entry, inflated); checked != UNZ_OK) {
@@ -185,9 +183,8 @@ int FinishInflate(UnzReader& reader, ReadEntry& entry) {
     z_stream& stream = *entry.inflate;
     std::uint8_t spare = 0;
     while (!entry.streamEnded) {
-        int result = UNZ_OK;
-        if (stream.avail_in == 0 && !Refill(reader, entry, result)) {
-            return result;
+        if (!Refill(reader, entry)) {
+            return UNZ_ERRNO;
         }
         stream.next_out = &spare;
         stream.avail_out = 1;

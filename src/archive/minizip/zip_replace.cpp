@@ -52,12 +52,14 @@ int Replace(ZipWriter& writer, const char* name, const void* content, std::uint3
         return ZIP_ERRNO;
     }
     const std::uint64_t localPosition = std::uint64_t{row.localHeaderOffset} + writer.bytesBefore;
+    // Reading moves the position: put it back at once, so that a refusal leaves the writer
+    // where new entries and the directory go.
     std::uint8_t oldHeader[kLocalHeaderSize];
-    if (!writer.file.ReadAt(localPosition, oldHeader, sizeof oldHeader)) {
+    const bool read = writer.file.ReadAt(localPosition, oldHeader, sizeof oldHeader);
+    if (!writer.file.SeekTo(*endOfData) || !read) {
         return ZIP_ERRNO;
     }
-    if (Bytes::Get32(oldHeader) != kLocalHeaderSignature ||
-        !FitsInPlace(writer, row, localPosition, *endOfData)) {
+    if (Bytes::Get32(oldHeader) != kLocalHeaderSignature) {
         return ZIP_BADZIPFILE;
     }
     // The new header must take exactly as many bytes as the old one, or the content would
@@ -65,6 +67,9 @@ int Replace(ZipWriter& writer, const char* name, const void* content, std::uint3
     if (std::uint32_t{Bytes::Get16(oldHeader + 26)} + Bytes::Get16(oldHeader + 28) !=
         row.name.size() + kContentSizeField) {
         return ZIP_PARAMERROR;
+    }
+    if (!FitsInPlace(writer, row, localPosition, *endOfData)) {
+        return ZIP_BADZIPFILE;
     }
 
     const std::uint32_t padding = allocated - length;

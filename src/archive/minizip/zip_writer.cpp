@@ -64,11 +64,10 @@ int PatchLocalHeader(ZipWriter& writer, const WriterEntry& entry) {
     Bytes::Put32(fields, entry.record.crc);
     Bytes::Put32(fields + 4, entry.record.compressedSize);
     Bytes::Put32(fields + 8, entry.record.uncompressedSize);
-    if (!writer.file.WriteAt(std::uint64_t{entry.headerPosition} + 14, fields, sizeof fields) ||
-        !writer.file.SeekTo(*end)) {
-        return ZIP_ERRNO;
-    }
-    return ZIP_OK;
+    const bool patched =
+        writer.file.WriteAt(std::uint64_t{entry.headerPosition} + 14, fields, sizeof fields);
+    const bool back = writer.file.SeekTo(*end);
+    return patched && back ? ZIP_OK : ZIP_ERRNO;
 }
 
 int CloseEntry(ZipWriter& writer) {
