@@ -1,0 +1,106 @@
+#include "support/xml/xml.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using QOB::Xml::Error;
+using QOB::Xml::ErrorText;
+using QOB::Xml::Parse;
+using QOB::Xml::RenderToString;
+
+struct Failure {
+    const char* text;
+    Error error;
+    int row;
+    int column;
+};
+
+TEST(XmlParse, ReportsWhereAndWhyItStopped) {
+    const Failure cases[] = {
+        {"", Error::NoXmlData, 1, 1},
+        {" \r\n\t", Error::NoXmlData, 2, 2},
+        {"<Other><Manifest/></Other>", Error::FirstTagNotFound, 1, 27},
+        {"<?xml version=\"1.0\"?>\n<!-- only this -->", Error::NoElements, 2, 19},
+        {"<Manifest>\n  <a>x</b>\n</Manifest>", Error::UnmatchedEndTag, 2, 7},
+        {"</Manifest>", Error::UnmatchedEndTag, 1, 1},
+        {"<Manifest><a>", Error::UnmatchedEndTag, 1, 14},
+        {"<Manifest>&nbsp;</Manifest>", Error::UnknownEntity, 1, 11},
+        {"<Manifest>a & b</Manifest>", Error::UnknownEntity, 1, 13},
+        {"<Manifest>&#;</Manifest>", Error::UnknownEntity, 1, 11},
+        {"<Manifest>&#x1g;</Manifest>", Error::UnknownEntity, 1, 11},
+        {"<Manifest>&#0;</Manifest>", Error::UnknownEntity, 1, 11},
+        {"<Manifest a='&#256;'/>", Error::CharacterCodeAbove255, 1, 14},
+        {"<Manifest>&#x100;</Manifest>", Error::CharacterCodeAbove255, 1, 11},
+        {"<Manifest>&#99999999999999999999999;</Manifest>", Error::CharacterCodeAbove255, 1, 11},
+        {"<Manifest>< a/></Manifest>", Error::MissingStartTagName, 1, 12},
+        {"<Manifest></></Manifest>", Error::MissingEndTagName, 1, 13},
+        {"<Manifest><!-- open", Error::UnmatchedClearTagEnd, 1, 11},
+        {"<Manifest><![CDATA[ open", Error::UnmatchedClearTagEnd, 1, 11},
+        {"<?xml version='1.0'", Error::UnmatchedClearTagEnd, 1, 1},
+        {"<!DOCTYPE m [ <!ENTITY a 'b'> ", Error::UnmatchedClearTagEnd, 1, 1},
+        {"text<Manifest/>", Error::UnexpectedToken, 1, 1},
+        {"<Manifest a=1/>", Error::UnexpectedToken, 1, 13},
+        {"<Manifest a/>", Error::UnexpectedToken, 1, 12},
+        {"<Manifest a=\"1/>", Error::UnexpectedToken, 1, 13},
+        {"<Manifest /x>", Error::UnexpectedToken, 1, 11},
+        {"<Manifest", Error::UnexpectedToken, 1, 10},
+        {"<Manifest></Manifest x>", Error::UnexpectedToken, 1, 22},
+        {"<Manifest><!ELEMENT x></Manifest>", Error::UnexpectedToken, 1, 11},
+        {"<![CDATA[x]]><Manifest/>", Error::UnexpectedToken, 1, 1},
+    };
+    for (const Failure& c : cases) {
+        SCOPED_TRACE(c.text);
+        const auto result = Parse(c.text, "Manifest");
+        EXPECT_EQ(result.error, c.error) << ErrorText(result.error);
+        EXPECT_EQ(result.row, c.row);
+        EXPECT_EQ(result.column, c.column);
+        EXPECT_TRUE(result.element.IsEmpty());
+    }
+}
+
+TEST(XmlParse, ErrorTextsKeepTheirNumbers) {
+    EXPECT_STREQ(ErrorText(0), "No error");
+    EXPECT_STREQ(ErrorText(Error::NoXmlData), "Error: No XML data");
+    EXPECT_STREQ(ErrorText(6), "Error: Unmatched end tag");
+    EXPECT_STREQ(ErrorText(11), "Error: First Tag not found");
+    EXPECT_STREQ(ErrorText(13),
+                 "Error: Character code above 255 is forbidden in MultiByte char mode.");
+    EXPECT_STREQ(ErrorText(20), "Error: Base64 decode output buffer is too small");
+    EXPECT_STREQ(ErrorText(21), "Unknown");
+    EXPECT_STREQ(ErrorText(-1), "Unknown");
+}
+
+TEST(XmlParse, ReadsTheSupportedSyntax) {
+    const std::string text = "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                             "<!DOCTYPE Manifest [ <!ELEMENT Manifest ANY> ]>\n"
+                             "<Skipped><Manifest/></Skipped>\n"
+                             "<Manifest a='x \"y\"' b = \"&lt;&#65;&#x42;&apos;&gt;\">\n"
+                             "  <!-- a <comment> -->\n"
+                             "  <Text>one &amp; <?pi ?>two<![CDATA[ <raw> &amp; ]]></Text>\n"
+                             "  <Empty></Empty><Spaces>   </Spaces><Bytes>&#233;\xC3\xA9</Bytes>\n"
+                             "  <Mixed>a<x/> <y/>b</Mixed>\n"
+                             "</Manifest>\n"
+                             "<Manifest>second</Manifest>";
+    const auto result = Parse(text, "Manifest");
+    ASSERT_EQ(result.error, Error::None) << ErrorText(result.error);
+    EXPECT_EQ(result.row, 10);
+    const auto root = result.element;
+    EXPECT_TRUE(root.Parent().IsEmpty());
+    EXPECT_EQ(root.Text(), nullptr);
+    EXPECT_STREQ(root.Attribute("a"), "x \"y\"");
+    EXPECT_STREQ(root.Attribute("b"), "<AB'>");
+    EXPECT_STREQ(root.Child("Text").Text(), "one & two <raw> &amp; ");
+    EXPECT_EQ(root.Child("Empty").Text(), nullptr);
+    EXPECT_EQ(root.Child("Spaces").Text(), nullptr);
+    EXPECT_STREQ(root.Child("Bytes").Text(), "\xE9\xC3\xA9");
+    EXPECT_STREQ(root.Child("Mixed").Text(), "ab");
+    EXPECT_EQ(root.Child("Mixed").ChildCount(), 2U);
+    EXPECT_EQ(root.ChildCount(), 5U);
+    EXPECT_EQ(RenderToString(root.Child("Text")),
+              "<Text>one &amp; two &lt;raw&gt; &amp;amp; </Text>");
+}
+
+} // namespace
