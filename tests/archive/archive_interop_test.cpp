@@ -10,7 +10,7 @@
 
 namespace {
 
-bool Have(const std::string& tool) {
+[[maybe_unused]] bool Have(const std::string& tool) {
     return qobtest::Run("command -v " + tool + " >/dev/null 2>&1") == 0;
 }
 

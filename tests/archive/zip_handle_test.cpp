@@ -16,9 +16,6 @@
 #include <fstream>
 #include <functional>
 
-#ifndef _WIN32
-#include <unistd.h>
-#endif
 
 namespace {
 
@@ -204,11 +201,7 @@ TEST(ZipHandleTest, OpenCreateAndSwitch) {
     EXPECT_TRUE(qobtest::ReadFile(path) == before);
 }
 
-#ifndef _WIN32
 TEST(ZipHandleTest, ReadOnlyFileIsReadThenRefusedAtTheWriter) {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "permissions do not bind root";
-    }
     qobtest::TempDir dir;
     const auto path = dir / "ro.zip";
     {
@@ -216,6 +209,9 @@ TEST(ZipHandleTest, ReadOnlyFileIsReadThenRefusedAtTheWriter) {
         archive.Insert(QOB::Path("x"), reinterpret_cast<const std::byte*>("abc"), 3, 2);
     }
     std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+    if (std::ofstream(path, std::ios::app)) {
+        GTEST_SKIP() << "file permissions do not bind this user";
+    }
     const std::string before = qobtest::ReadFile(path);
     qobtest::LogCapture log(&QOB::SetLogSink);
     QOB::Archive archive(path, true);
@@ -242,6 +238,5 @@ TEST(ZipHandleTest, WarnsAboveFourGigabytes) {
                   size > 0xFFFFFFFF ? 1u : 0u);
     }
 }
-#endif
 
 } // namespace

@@ -1,0 +1,49 @@
+#!/usr/bin/env python3
+"""Writes the seed corpus of the archive fuzz target into the directory given."""
+import io
+import os
+import struct
+import sys
+import zipfile
+
+
+def build(entries, method=zipfile.ZIP_STORED):
+    buffer = io.BytesIO()
+    with zipfile.ZipFile(buffer, "w", method) as archive:
+        for name_or_info, data in entries:
+            archive.writestr(name_or_info, data)
+    return buffer.getvalue()
+
+
+def padded(name, content, padding):
+    """An entry framed like the library's own: stored, zero padding, raw 4-byte size."""
+    info = zipfile.ZipInfo(name, date_time=(2024, 2, 29, 13, 45, 58))
+    info.compress_type = zipfile.ZIP_STORED
+    info.extra = struct.pack("<I", len(content) if padding else 0)
+    return info, content + b"\0" * padding
+
+
+def main():
+    out = sys.argv[1]
+    os.makedirs(out, exist_ok=True)
+    text = b"<Manifest><Version>1</Version></Manifest>\n" * 20
+    seeds = {
+        "stored.zip": build([("manifest.xml", text), ("Settings/a.xml", b"<a/>")]),
+        "deflated.zip": build([("manifest.xml", text), ("raw/image.raw", bytes(range(256)) * 8)],
+                              zipfile.ZIP_DEFLATED),
+        "traversal.zip": build([("../evil.txt", b"evil"), ("/abs", b"abs"), ("C:x", b"drive"),
+                                ("a/../../up.txt", b"up"), ("dir\\back.txt", b"back")]),
+        "padded.zip": build([padded("manifest.xml", text, 300), padded("empty", b"", 16),
+                             padded("full", b"full", 0)]),
+        "empty_archive.zip": build([]),
+        "empty_file.zip": b"",
+    }
+    seeds["truncated.zip"] = seeds["deflated.zip"][: len(seeds["deflated.zip"]) // 2]
+    seeds["no_end_record.zip"] = seeds["stored.zip"][:-22]
+    for name, data in seeds.items():
+        with open(os.path.join(out, name), "wb") as handle:
+            handle.write(data)
+
+
+if __name__ == "__main__":
+    main()
