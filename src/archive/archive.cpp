@@ -58,8 +58,8 @@ Archive::Archive(const std::filesystem::path& path, bool should_exist)
 }
 
 Archive::~Archive() {
-    LogTrace(Format("Archive::[\"%s\"] closing", Name()));
     try {
+        LogTrace(Format("Archive::[\"%s\"] closing", Name()));
         Flush();
     } catch (...) {
     }

@@ -2,7 +2,7 @@
 // code, without crashing, hanging or allocating what the file does not hold.
 #include "archive/archive.hpp"
 
-#include "archive/zip_inspect.hpp"
+#include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
 #include "support/exception.hpp"
 #include "support/log.hpp"
@@ -12,6 +12,10 @@
 #include <functional>
 
 namespace {
+
+using qobtest::Bytes;
+using qobtest::Failure;
+using qobtest::Text;
 
 void Put(std::string& bytes, std::size_t at, std::uint32_t value, int width) {
     for (int i = 0; i < width; ++i) {

@@ -1,6 +1,7 @@
 // Other zip tools read what we write, and we read what they write.
 #include "archive/archive.hpp"
 
+#include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
 #include "support/log.hpp"
 
@@ -9,6 +10,9 @@
 #include <map>
 
 namespace {
+
+using qobtest::Bytes;
+using qobtest::Text;
 
 [[maybe_unused]] bool Have(const std::string& tool) {
     return qobtest::Run("command -v " + tool + " >/dev/null 2>&1") == 0;
@@ -19,21 +23,14 @@ std::string Quote(const std::filesystem::path& path) {
 }
 
 // Exit status of each tool's own test of the archive: unzip, 7z, bsdtar, Python's zipfile.
-struct Verdicts {
-    int unzip = -1, sevenZip = -1, bsdtar = -1, python = -1;
-};
-
-Verdicts Check(const std::filesystem::path& zip) {
-    const std::string quiet = " >/dev/null 2>&1";
-    Verdicts v;
-    v.unzip = qobtest::Run("unzip -t " + Quote(zip) + quiet);
-    v.sevenZip = qobtest::Run("7z t " + Quote(zip) + quiet);
-    v.bsdtar = qobtest::Run("bsdtar -tf " + Quote(zip) + quiet);
-    v.python = qobtest::Run(qobtest::Python() +
-                            " -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
-                            "sys.exit(0 if z.testzip() is None else 3)' " +
-                            Quote(zip) + quiet);
-    return v;
+std::vector<int> Verdicts(const std::filesystem::path& zip) {
+    const std::string file = Quote(zip) + " >/dev/null 2>&1";
+    return {qobtest::Run("unzip -t " + file), qobtest::Run("7z t " + file),
+            qobtest::Run("bsdtar -tf " + file),
+            qobtest::Run(qobtest::Python() +
+                         " -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
+                         "sys.exit(0 if z.testzip() is None else 3)' " +
+                         file)};
 }
 
 class ArchiveInteropTest : public ::testing::Test {
@@ -60,10 +57,6 @@ protected:
     qobtest::TempDir dir;
 };
 
-const std::byte* Bytes(const std::string& text) {
-    return reinterpret_cast<const std::byte*>(text.data());
-}
-
 TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
     const auto path = dir / "ours.zip";
     const std::string big = qobtest::RandomBytes(300000, 1);
@@ -75,20 +68,14 @@ TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
         archive.Insert(QOB::Path("gone"), Bytes("xyz"), 3, 3);
         archive.Insert(QOB::Path("last"), Bytes(std::string(65535, 'l')), 65535, 1);
     }
-    auto expectAccepted = [&](const char* stage) {
-        const Verdicts v = Check(path);
-        EXPECT_EQ(v.unzip, 0) << stage;
-        EXPECT_EQ(v.sevenZip, 0) << stage;
-        EXPECT_EQ(v.bsdtar, 0) << stage;
-        EXPECT_EQ(v.python, 0) << stage;
-    };
-    expectAccepted("inserted");
+    const std::vector<int> accepted = {0, 0, 0, 0};
+    EXPECT_EQ(Verdicts(path), accepted);
     {
         QOB::Archive archive(path, true);
         archive.Update(QOB::Path("Settings/a.xml"), Bytes("<b>longer</b>"), 13);
         archive.Remove(QOB::Path("gone"));
     }
-    expectAccepted("updated and removed");
+    EXPECT_EQ(Verdicts(path), accepted);
     EXPECT_EQ(qobtest::Run("unzip -p " + Quote(path) + " raw/big.bin > " + Quote(dir / "big")), 0);
     EXPECT_TRUE(qobtest::ReadFile(dir / "big") == big);
 }
@@ -104,16 +91,12 @@ TEST_F(ArchiveInteropTest, PaddedEntryOf64KiBOrMore) {
         archive.Insert(QOB::Path("large.bin"), Bytes(content), content.size(), 100);
     }
     // 70000 = 0x00011170: block ID 0x1170 with length 1, and no byte left for it.
-    const Verdicts v = Check(path);
-    // "bad extra-field entry: EF block length (1 bytes) exceeds remaining EF data (0 bytes)",
-    // "At least one error was detected".
-    EXPECT_EQ(v.unzip, 2);
-    // "Everything is Ok" with "Archives with Warnings: 1".
-    EXPECT_EQ(v.sevenZip, 0);
-    // "Extra data overflow: Need 1 bytes but only found 0 bytes".
-    EXPECT_EQ(v.bsdtar, 1);
-    // zipfile.BadZipFile "Corrupt extra field 1170 (size=1)" when the archive is opened.
-    EXPECT_EQ(v.python, 1);
+    // unzip 2: "bad extra-field entry: EF block length (1 bytes) exceeds remaining EF data
+    // (0 bytes)", "At least one error was detected".
+    // 7z 0: "Everything is Ok" with "Archives with Warnings: 1".
+    // bsdtar 1: "Extra data overflow: Need 1 bytes but only found 0 bytes".
+    // Python 1: zipfile.BadZipFile "Corrupt extra field 1170 (size=1)" on opening.
+    EXPECT_EQ(Verdicts(path), (std::vector<int>{2, 0, 1, 1}));
     QOB::Archive archive(path, true);
     const auto read = archive.Read(QOB::Path("large.bin"));
     EXPECT_TRUE(std::string(reinterpret_cast<const char*>(read.data()), read.size()) == content);

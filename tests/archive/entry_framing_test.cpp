@@ -2,7 +2,7 @@
 #include "archive/entry_framing.hpp"
 #include "archive/zip_handle.hpp"
 
-#include "archive/zip_inspect.hpp"
+#include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
 #include "support/exception.hpp"
 #include "support/log.hpp"
@@ -15,28 +15,26 @@
 
 namespace {
 
-using qobtest::Le;
+using qobtest::Bytes;
+using qobtest::Failure;
+using qobtest::Text;
+
+// Little-endian fields; widths holds each field's byte count as a digit.
+std::string Pack(const std::string& widths, std::initializer_list<std::uint32_t> values) {
+    std::string bytes;
+    auto value = values.begin();
+    for (const char width : widths) {
+        for (int i = 0; i < width - '0'; ++i) {
+            bytes += static_cast<char>(*value >> (8 * i));
+        }
+        ++value;
+    }
+    return bytes;
+}
 
 std::uint32_t Crc(const std::string& bytes) {
     return static_cast<std::uint32_t>(
         crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
-}
-
-const std::byte* Bytes(const std::string& text) {
-    return reinterpret_cast<const std::byte*>(text.data());
-}
-
-std::string Text(const std::vector<std::byte>& bytes) {
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
-std::string ExceptionText(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const QOB::Exception& e) {
-        return e.what();
-    }
-    return "no exception";
 }
 
 TEST(FramingTest, LocalAndCentralHeadersAtTheByteLevel) {
@@ -60,43 +58,28 @@ TEST(FramingTest, LocalAndCentralHeadersAtTheByteLevel) {
     const std::string bytes = qobtest::ReadFile(path);
     const auto image = qobtest::InspectZip(bytes);
     ASSERT_EQ(image.records.size(), 3u);
-    std::size_t expectedOffset = 0;
+    std::uint32_t offset = 0;
     for (std::size_t i = 0; i < 3; ++i) {
         const Item& item = items[i];
         const auto& r = image.records[i];
         const std::string stored = item.content + std::string(item.padding, '\0');
-        const std::string field(reinterpret_cast<const char*>(&item.field), 4); // little-endian
-        SCOPED_TRACE(item.name);
-        EXPECT_EQ(r.name, item.name);
-        EXPECT_EQ(r.madeBy, 0u);
-        EXPECT_EQ(r.needed, 20u);
-        EXPECT_EQ(r.flags, 0u);
-        EXPECT_EQ(r.method, 0u);
-        EXPECT_EQ(r.crc, Crc(stored));
-        EXPECT_EQ(r.compressed, stored.size());
-        EXPECT_EQ(r.uncompressed, stored.size());
-        EXPECT_EQ(r.extra, field);
-        EXPECT_EQ(r.commentLength + r.disk + r.internalAttributes + r.externalAttributes, 0u);
-        EXPECT_EQ(r.localOffset, expectedOffset);
-
-        const std::size_t at = r.localOffset;
-        EXPECT_EQ(Le(bytes, at, 4), 0x04034B50u);
-        EXPECT_EQ(Le(bytes, at + 4, 2), 20u);
-        EXPECT_EQ(Le(bytes, at + 6, 2), 0u);
-        EXPECT_EQ(Le(bytes, at + 8, 2), 0u);
-        EXPECT_EQ(Le(bytes, at + 10, 4), r.dosTime);
-        EXPECT_EQ(Le(bytes, at + 14, 4), r.crc);
-        EXPECT_EQ(Le(bytes, at + 18, 4), stored.size());
-        EXPECT_EQ(Le(bytes, at + 22, 4), stored.size());
-        EXPECT_EQ(Le(bytes, at + 26, 2), item.name.size());
-        EXPECT_EQ(Le(bytes, at + 28, 2), 4u);
-        EXPECT_EQ(bytes.substr(at + 30, item.name.size()), item.name);
-        const std::size_t data = at + 30 + item.name.size();
-        EXPECT_EQ(bytes.substr(data, 4), field);
-        EXPECT_TRUE(bytes.compare(data + 4, stored.size(), stored) == 0);
-        expectedOffset = data + 4 + stored.size();
+        const auto size = static_cast<std::uint32_t>(stored.size());
+        const auto n = static_cast<std::uint32_t>(item.name.size());
+        // The raw content size field, with no header ID or length of its own.
+        const std::string tail = item.name + Pack("4", {item.field});
+        const std::uint32_t crc = Crc(stored);
+        const std::string local =
+            Pack("4222444422", {0x04034B50, 20, 0, 0, r.dosTime, crc, size, size, n, 4}) + tail;
+        const std::string central =
+            Pack("4222244442222244",
+                 {0x02014B50, 0, 20, 0, 0, r.dosTime, crc, size, size, n, 4, 0, 0, 0, 0, offset}) +
+            tail;
+        EXPECT_EQ(bytes.substr(offset, local.size()), local) << item.name;
+        EXPECT_TRUE(bytes.compare(offset + local.size(), size, stored) == 0) << item.name;
+        EXPECT_EQ(bytes.substr(r.at, central.size()), central) << item.name;
+        offset += static_cast<std::uint32_t>(local.size()) + size;
     }
-    EXPECT_EQ(image.directoryOffset, expectedOffset);
+    EXPECT_EQ(image.directoryOffset, offset);
 
     qobtest::LogCapture log(&QOB::SetLogSink);
     QOB::Archive archive(path, true);
@@ -135,9 +118,8 @@ TEST(FramingTest, TimeStampsAndTheSizeLimit) {
         QOB::WriteBegin(zip, QOB::Path("full"), time, 0, 0);
         QOB::WriteEnd(zip, 0);
         const auto size = std::filesystem::file_size(path);
-        EXPECT_EQ(
-            ExceptionText([&] { QOB::WriteBegin(zip, QOB::Path("huge"), time, 0x100000000u, 1); }),
-            "[INTERNAL_INCONSISTENCY] entry too large");
+        EXPECT_EQ(Failure([&] { QOB::WriteBegin(zip, QOB::Path("huge"), time, 0x100000000u, 1); }),
+                  "[INTERNAL_INCONSISTENCY] entry too large");
         EXPECT_EQ(std::filesystem::file_size(path), size);
         // The largest length is accepted; its field says more than the entry holds.
         QOB::WriteBegin(zip, QOB::Path("max"), time, 0xFFFFFFFFu, 1);
@@ -148,14 +130,11 @@ TEST(FramingTest, TimeStampsAndTheSizeLimit) {
     const auto entries = archive.List();
     ASSERT_EQ(entries.size(), 3u);
     for (const auto& entry : entries) {
+        const std::tm& t = entry.time;
         EXPECT_EQ(entry.dos_time >> 25, 44u);
-        EXPECT_EQ(entry.time.tm_year, 2024);
-        EXPECT_EQ(entry.time.tm_mon, 1);
-        EXPECT_EQ(entry.time.tm_mday, 29);
-        EXPECT_EQ(entry.time.tm_hour, 13);
-        EXPECT_EQ(entry.time.tm_min, 45);
-        EXPECT_EQ(entry.time.tm_sec, 58);
-        EXPECT_EQ(entry.time.tm_wday + entry.time.tm_yday + entry.time.tm_isdst, 0);
+        EXPECT_EQ(std::vector({t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
+                               t.tm_wday + t.tm_yday + t.tm_isdst}),
+                  std::vector({2024, 1, 29, 13, 45, 58, 0}));
     }
     EXPECT_EQ(entries[2].content_size, 0u);
     EXPECT_TRUE(
@@ -164,28 +143,24 @@ TEST(FramingTest, TimeStampsAndTheSizeLimit) {
 
 TEST(FramingTest, IntoContentSizeRules) {
     struct Case {
-        std::vector<int> field;
+        std::string field;
         std::uint64_t allocated, expected;
         const char* line;
     };
+    using namespace std::string_literals;
     const Case cases[] = {
-        {{}, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=0"},
-        {{1, 0, 0}, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=3"},
-        {{0, 0, 0, 0}, 9, 9, "[QOB][TRACE] IntoContentSize: content size is zero"},
-        {{16, 0, 0, 0}, 9, 9, "[QOB][WARN ] IntoContentSize: content=16 exceeds allocated=9"},
-        {{9, 0, 0, 0}, 9, 9, "[QOB][TRACE] IntoContentSize: content=9 allocated=9 padding=0"},
-        {{0, 1, 1, 0},
-         70000,
-         65792,
+        {""s, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=0"},
+        {"\1\0\0"s, 9, 9, "[QOB][WARN ] IntoContentSize: field len expected=4 actual=3"},
+        {"\0\0\0\0"s, 9, 9, "[QOB][TRACE] IntoContentSize: content size is zero"},
+        {"\x10\0\0\0"s, 9, 9, "[QOB][WARN ] IntoContentSize: content=16 exceeds allocated=9"},
+        {"\x09\0\0\0"s, 9, 9, "[QOB][TRACE] IntoContentSize: content=9 allocated=9 padding=0"},
+        {"\0\1\1\0"s, 70000, 65792,
          "[QOB][TRACE] IntoContentSize: content=65792 allocated=70000 padding=4208"},
     };
     for (const auto& c : cases) {
-        std::vector<std::byte> field;
-        for (const int b : c.field) {
-            field.push_back(static_cast<std::byte>(b));
-        }
+        const auto* begin = reinterpret_cast<const std::byte*>(c.field.data());
         qobtest::LogCapture log(&QOB::SetLogSink);
-        EXPECT_EQ(QOB::IntoContentSize(field, c.allocated), c.expected) << c.line;
+        EXPECT_EQ(QOB::IntoContentSize({begin, begin + c.field.size()}, c.allocated), c.expected);
         ASSERT_EQ(log.lines.size(), 1u);
         EXPECT_EQ(log.lines[0].text, c.line);
     }
@@ -214,9 +189,9 @@ TEST(FramingTest, ReadingChecksPaddingCrcAndLength) {
         QOB::ReadBegin(unzip, QOB::Path("P65536"));
         std::vector<std::byte> buffer(70000);
         QOB::TryRead(unzip, buffer.data(), 0);
-        EXPECT_EQ(ExceptionText([&] { QOB::TryRead(unzip, buffer.data(), 70000); }),
+        EXPECT_EQ(Failure([&] { QOB::TryRead(unzip, buffer.data(), 70000); }),
                   "[INTERNAL_INCONSISTENCY] partial read");
-        EXPECT_EQ(ExceptionText([&] { QOB::TryRead(unzip, buffer.data(), 1); }),
+        EXPECT_EQ(Failure([&] { QOB::TryRead(unzip, buffer.data(), 1); }),
                   "[INTERNAL_INCONSISTENCY] end of entry reached");
     }
 
@@ -228,12 +203,12 @@ TEST(FramingTest, ReadingChecksPaddingCrcAndLength) {
     qobtest::WriteFile(path, bytes);
     qobtest::LogCapture log(&QOB::SetLogSink);
     QOB::Archive archive(path, true);
-    EXPECT_EQ(ExceptionText([&] { archive.Read(QOB::Path("p65537")); }),
+    EXPECT_EQ(Failure([&] { archive.Read(QOB::Path("p65537")); }),
               "[INTERNAL_INCONSISTENCY] non-zero padding");
     EXPECT_TRUE(log.Contains("[QOB][ERROR] in ReadEnd padding_size=65537"));
     EXPECT_TRUE(
         log.Contains("[QOB][ERROR] in Archive::[\"" + path.string() + "\"]::Read path=\"p65537\""));
-    EXPECT_EQ(ExceptionText([&] { archive.Read(QOB::Path("p65536")); }),
+    EXPECT_EQ(Failure([&] { archive.Read(QOB::Path("p65536")); }),
               "[CANNOT_READ_FILE_PCK] minizip returned UNZ_CRCERROR");
 }
 

@@ -1,5 +1,6 @@
 #include "archive/path.hpp"
 
+#include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
 #include "support/exception.hpp"
 #include "support/log.hpp"
@@ -48,13 +49,9 @@ TEST(PathTest, SanitizesAndLogsOnlyWhenChanged) {
 
 TEST(PathTest, RejectsAbsoluteAndBadText) {
     for (const char* text : {"/x", "\\x", "C:x", "c:/x", "z:", "//server/share"}) {
-        try {
-            QOB::Path path(text);
-            ADD_FAILURE() << text;
-        } catch (const QOB::Exception& e) {
-            EXPECT_EQ(e.code(), INVALID_PARAMETER);
-            EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] cannot use absolute path inside archive");
-        }
+        EXPECT_EQ(qobtest::Failure([&] { QOB::Path path(text); }),
+                  "[INVALID_PARAMETER] cannot use absolute path inside archive")
+            << text;
     }
     for (const char* text : {"a\xFF", "\xC0\xAF", "\xED\xA0\x80", "a\xE2\x82"}) {
         EXPECT_THROW(QOB::Path path(text), std::system_error) << text;
@@ -62,20 +59,11 @@ TEST(PathTest, RejectsAbsoluteAndBadText) {
 }
 
 TEST(PathTest, CheckEntryPathField) {
-    EXPECT_NO_THROW(QOB::CheckEntryPathField("a.xml"));
-    try {
-        QOB::CheckEntryPathField(nullptr);
-        ADD_FAILURE();
-    } catch (const QOB::Exception& e) {
-        EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] entry path is null");
-    }
     std::string field(QOB_MAX_PATH, 'x');
-    try {
-        QOB::CheckEntryPathField(field.data());
-        ADD_FAILURE();
-    } catch (const QOB::Exception& e) {
-        EXPECT_STREQ(e.what(), "[INVALID_PARAMETER] missing null terminator in entry path");
-    }
+    EXPECT_EQ(qobtest::Failure([] { QOB::CheckEntryPathField(nullptr); }),
+              "[INVALID_PARAMETER] entry path is null");
+    EXPECT_EQ(qobtest::Failure([&] { QOB::CheckEntryPathField(field.data()); }),
+              "[INVALID_PARAMETER] missing null terminator in entry path");
     field[QOB_MAX_PATH - 1] = '\0';
     EXPECT_NO_THROW(QOB::CheckEntryPathField(field.data()));
 }

@@ -1,13 +1,35 @@
-// An independent reading of the zip bytes that the archive writes, for tests: the end
-// record, every central record and the local header each one points to.
+// Helpers of the archive tests: byte views, the text of a failure, and an independent
+// reading of the zip structure that the archive writes (end record and central records).
 #pragma once
 
+#include "support/exception.hpp"
+
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace qobtest {
+
+inline const std::byte* Bytes(const std::string& text) {
+    return reinterpret_cast<const std::byte*>(text.data());
+}
+
+inline std::string Text(const std::vector<std::byte>& bytes) {
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+// what() of the QOB::Exception that action throws, or "no exception".
+inline std::string Failure(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const QOB::Exception& e) {
+        return e.what();
+    }
+    return "no exception";
+}
 
 inline std::uint32_t Le(const std::string& bytes, std::size_t at, int width) {
     if (at + static_cast<std::size_t>(width) > bytes.size()) {
@@ -22,10 +44,8 @@ inline std::uint32_t Le(const std::string& bytes, std::size_t at, int width) {
 
 struct CentralRecord {
     std::size_t at = 0; // where the record starts
-    std::uint32_t madeBy = 0, needed = 0, flags = 0, method = 0, dosTime = 0, crc = 0;
-    std::uint32_t compressed = 0, uncompressed = 0, commentLength = 0, disk = 0;
-    std::uint32_t internalAttributes = 0, externalAttributes = 0, localOffset = 0;
-    std::string name, extra;
+    std::uint32_t dosTime = 0, crc = 0, compressed = 0, uncompressed = 0, localOffset = 0;
+    std::string name;
 };
 
 struct ZipImage {
@@ -54,24 +74,13 @@ inline ZipImage InspectZip(const std::string& bytes) {
         if (Le(bytes, at, 4) != 0x02014B50) {
             throw std::runtime_error("bad central signature");
         }
-        r.madeBy = Le(bytes, at + 4, 2);
-        r.needed = Le(bytes, at + 6, 2);
-        r.flags = Le(bytes, at + 8, 2);
-        r.method = Le(bytes, at + 10, 2);
         r.dosTime = Le(bytes, at + 12, 4);
         r.crc = Le(bytes, at + 16, 4);
         r.compressed = Le(bytes, at + 20, 4);
         r.uncompressed = Le(bytes, at + 24, 4);
-        const std::uint32_t nameLength = Le(bytes, at + 28, 2);
-        const std::uint32_t extraLength = Le(bytes, at + 30, 2);
-        r.commentLength = Le(bytes, at + 32, 2);
-        r.disk = Le(bytes, at + 34, 2);
-        r.internalAttributes = Le(bytes, at + 36, 2);
-        r.externalAttributes = Le(bytes, at + 38, 4);
         r.localOffset = Le(bytes, at + 42, 4);
-        r.name = bytes.substr(at + 46, nameLength);
-        r.extra = bytes.substr(at + 46 + nameLength, extraLength);
-        at += 46 + nameLength + extraLength + r.commentLength;
+        r.name = bytes.substr(at + 46, Le(bytes, at + 28, 2));
+        at += 46 + r.name.size() + Le(bytes, at + 30, 2) + Le(bytes, at + 32, 2);
         image.records.push_back(r);
     }
     if (at != end) {
