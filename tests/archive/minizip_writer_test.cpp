@@ -22,6 +22,7 @@ const std::vector<Padded> kEntries = {
     {"empty", "", 16},
 };
 
+// Through the platform's files: the same bytes as in memory, and everything reads back.
 TEST(MiniZipWriter, PaddedEntriesReadBackThroughFiles) {
     qobtest::TempDir dir;
     const std::string path = (dir / "a.zip").string();
@@ -32,6 +33,7 @@ TEST(MiniZipWriter, PaddedEntriesReadBackThroughFiles) {
         ASSERT_EQ(AddPadded(zip, entry), ZIP_OK);
     }
     ASSERT_EQ(zipClose(zip, nullptr), ZIP_OK);
+    EXPECT_EQ(qobtest::ReadFile(path), Build(kEntries));
 
     unzFile unz = unzOpen2(path.c_str(), &table);
     ASSERT_NE(unz, nullptr);
@@ -39,25 +41,18 @@ TEST(MiniZipWriter, PaddedEntriesReadBackThroughFiles) {
     ASSERT_EQ(unzGetGlobalInfo(unz, &global), UNZ_OK);
     EXPECT_EQ(global.number_entry, 3u);
     std::vector<ReadBack> read;
-    ASSERT_EQ(ReadAll(unz, read, 1000), UNZ_OK);
+    ASSERT_EQ(ReadAll(unz, read, 1000), UNZ_OK); // every CRC checked at close
     ASSERT_EQ(unzClose(unz), UNZ_OK);
-
     ASSERT_EQ(read.size(), kEntries.size());
     for (std::size_t i = 0; i < read.size(); ++i) {
         const Padded& entry = kEntries[i];
-        const std::string stored = entry.content + std::string(entry.padding, '\0');
         EXPECT_EQ(read[i].name, entry.name);
-        EXPECT_EQ(read[i].data, stored);
-        EXPECT_EQ(read[i].info.uncompressed_size, stored.size());
-        EXPECT_EQ(read[i].info.compressed_size, stored.size());
-        EXPECT_EQ(read[i].info.crc, Crc(stored));
-        EXPECT_EQ(read[i].info.dosDate, kDosDate);
+        EXPECT_EQ(read[i].data, entry.content + std::string(entry.padding, '\0'));
         EXPECT_EQ(read[i].info.tmu_date.tm_year, 2024u);
         EXPECT_EQ(read[i].info.tmu_date.tm_mon, 4u);
-        EXPECT_EQ(read[i].info.tmu_date.tm_mday, 1u);
+        EXPECT_EQ(read[i].info.tmu_date.tm_sec, 24u);
         ASSERT_EQ(read[i].extra.size(), 4u);
-        const std::string field(read[i].extra.begin(), read[i].extra.end());
-        EXPECT_EQ(Le32(field, 0), entry.padding > 0 ? entry.content.size() : 0u);
+        EXPECT_EQ(Le(read[i].extra, 0), entry.padding > 0 ? entry.content.size() : 0u);
     }
 }
 
@@ -70,44 +65,44 @@ TEST(MiniZipWriter, HeaderBytesAreExact) {
         const std::string stored = entry.content + std::string(entry.padding, '\0');
         const std::uint32_t n = static_cast<std::uint32_t>(entry.name.size());
         locals.push_back(local);
-        EXPECT_EQ(Le32(zip, local), 0x04034b50u);
-        EXPECT_EQ(Le16(zip, local + 4), 20u);          // version needed
-        EXPECT_EQ(Le16(zip, local + 6), 0u);           // flags: no descriptor
-        EXPECT_EQ(Le16(zip, local + 8), 0u);           // stored
-        EXPECT_EQ(Le32(zip, local + 10), kDosDate);    // time, then date
-        EXPECT_EQ(Le32(zip, local + 14), Crc(stored)); // patched at close
-        EXPECT_EQ(Le32(zip, local + 18), stored.size());
-        EXPECT_EQ(Le32(zip, local + 22), stored.size());
-        EXPECT_EQ(Le16(zip, local + 26), n);
-        EXPECT_EQ(Le16(zip, local + 28), 4u);
+        EXPECT_EQ(Le(zip, local), 0x04034b50u);
+        EXPECT_EQ(Le(zip, local + 4, 2), 20u);       // version needed
+        EXPECT_EQ(Le(zip, local + 6, 2), 0u);        // flags: no descriptor
+        EXPECT_EQ(Le(zip, local + 8, 2), 0u);        // stored
+        EXPECT_EQ(Le(zip, local + 10), kDosDate);    // time, then date
+        EXPECT_EQ(Le(zip, local + 14), Crc(stored)); // patched at close
+        EXPECT_EQ(Le(zip, local + 18), stored.size());
+        EXPECT_EQ(Le(zip, local + 22), stored.size());
+        EXPECT_EQ(Le(zip, local + 26, 2), n);
+        EXPECT_EQ(Le(zip, local + 28, 2), 4u);
         EXPECT_EQ(zip.substr(local + 30, n), entry.name);
-        EXPECT_EQ(Le32(zip, local + 30 + n), entry.padding > 0 ? entry.content.size() : 0u);
+        EXPECT_EQ(Le(zip, local + 30 + n), entry.padding > 0 ? entry.content.size() : 0u);
         EXPECT_EQ(zip.substr(local + 34 + n, stored.size()), stored);
         local += 34 + n + stored.size();
     }
 
     const std::size_t end = zip.size() - 22;
-    EXPECT_EQ(Le32(zip, end), 0x06054b50u);
-    EXPECT_EQ(Le32(zip, end + 4), 0u); // both disk numbers
-    EXPECT_EQ(Le16(zip, end + 8), 3u);
-    EXPECT_EQ(Le16(zip, end + 10), 3u);
-    EXPECT_EQ(Le32(zip, end + 16), local); // the directory follows the data
-    EXPECT_EQ(Le32(zip, end + 12), end - local);
-    EXPECT_EQ(Le16(zip, end + 20), 0u);
+    EXPECT_EQ(Le(zip, end), 0x06054b50u);
+    EXPECT_EQ(Le(zip, end + 4), 0u); // both disk numbers
+    EXPECT_EQ(Le(zip, end + 8, 2), 3u);
+    EXPECT_EQ(Le(zip, end + 10, 2), 3u);
+    EXPECT_EQ(Le(zip, end + 16), local); // the directory follows the data
+    EXPECT_EQ(Le(zip, end + 12), end - local);
+    EXPECT_EQ(Le(zip, end + 20, 2), 0u);
 
     std::size_t central = local;
     for (std::size_t i = 0; i < kEntries.size(); ++i) {
         const Padded& entry = kEntries[i];
         const std::uint32_t n = static_cast<std::uint32_t>(entry.name.size());
-        EXPECT_EQ(Le32(zip, central), 0x02014b50u);
-        EXPECT_EQ(Le16(zip, central + 4), 0u);  // made by
-        EXPECT_EQ(Le16(zip, central + 6), 20u); // needed
+        EXPECT_EQ(Le(zip, central), 0x02014b50u);
+        EXPECT_EQ(Le(zip, central + 4, 2), 0u);  // made by
+        EXPECT_EQ(Le(zip, central + 6, 2), 20u); // needed
         // flags, method, time, CRC and sizes repeat the local header
         EXPECT_EQ(zip.substr(central + 8, 20), zip.substr(locals[i] + 6, 20));
-        EXPECT_EQ(Le16(zip, central + 28), n);
-        EXPECT_EQ(Le16(zip, central + 30), 4u);
+        EXPECT_EQ(Le(zip, central + 28, 2), n);
+        EXPECT_EQ(Le(zip, central + 30, 2), 4u);
         EXPECT_EQ(zip.substr(central + 32, 10), std::string(10, '\0')); // comment..attributes
-        EXPECT_EQ(Le32(zip, central + 42), locals[i]);
+        EXPECT_EQ(Le(zip, central + 42), locals[i]);
         EXPECT_EQ(zip.substr(central + 46, n + 4), zip.substr(locals[i] + 30, n + 4));
         central += 46 + n + 4;
     }
@@ -118,7 +113,6 @@ TEST(MiniZipWriter, AppendingKeepsEntriesAndComment) {
     MemoryFile file;
     const zlib_filefunc_def table = file.Table();
     file.data = Build({kEntries[0], kEntries[2]}, 0, "archive comment");
-    const std::size_t oldDirectory = Le32(file.data, file.data.size() - 22 - 15 + 16);
 
     const char* comment = nullptr;
     zipFile zip = zipOpen2(nullptr, APPEND_STATUS_ADDINZIP, &comment, &table);
@@ -131,15 +125,6 @@ TEST(MiniZipWriter, AppendingKeepsEntriesAndComment) {
     // The new entry took the place of the old directory; the comment survived.
     EXPECT_EQ(file.data,
               Build({kEntries[0], kEntries[2], {"added.txt", "more", 8}}, 0, "archive comment"));
-    std::vector<ReadBack> read;
-    ASSERT_EQ(ReadMemory(file.data, read), UNZ_OK);
-    ASSERT_EQ(read.size(), 3u);
-    unzFile unz = unzOpen2(nullptr, &table);
-    ASSERT_EQ(unzLocateFile(unz, "added.txt"), UNZ_OK);
-    std::uint32_t offset = 0;
-    ASSERT_EQ(unzGetCurrentFileLocalHeaderOffset(unz, &offset), UNZ_OK);
-    EXPECT_EQ(offset, oldDirectory);
-    unzClose(unz);
 }
 
 TEST(MiniZipWriter, DeflatedEntriesRoundTrip) {
