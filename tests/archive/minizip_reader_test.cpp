@@ -115,6 +115,24 @@ TEST(MiniZipReader, SharedLocalHeaderReadsTwice) {
     EXPECT_EQ(read[1].data, read[0].data);
 }
 
+// An archive behind other bytes (a self-extractor stub, say): stored offsets count from
+// the archive's start, and the writer keeps them that way.
+TEST(MiniZipReader, ArchiveBehindAPrefix) {
+    MemoryFile file;
+    file.data = std::string(1000, '#') + Build({{"a", "alpha", 3}});
+    const zlib_filefunc_def table = file.Table();
+    zipFile zip = zipOpen2(nullptr, APPEND_STATUS_ADDINZIP, nullptr, &table);
+    ASSERT_NE(zip, nullptr);
+    ASSERT_EQ(AddPadded(zip, {"b", "beta", 0}), ZIP_OK);
+    ASSERT_EQ(zipReplaceFileInZip(zip, "a", "al", 2), ZIP_OK);
+    ASSERT_EQ(zipClose(zip, nullptr), ZIP_OK);
+    EXPECT_EQ(file.data, std::string(1000, '#') + Build({{"a", "al", 6}, {"b", "beta", 0}}));
+    std::vector<ReadBack> read;
+    ASSERT_EQ(ReadMemory(file.data, read), UNZ_OK);
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read[1].data, "beta");
+}
+
 // Opens, walks and reads everything, then opens for editing, removes and replaces; every
 // step may fail, none may crash, hang or touch memory it should not. The reading result,
 // and whether the writer accepted the archive.

@@ -71,7 +71,7 @@ int WriteCentralDirectory(ZipWriter& writer, const std::string& comment) {
         return ZIP_INTERNALERROR;
     }
     std::vector<std::uint8_t> out;
-    out.reserve(kDirectoryChunk + kCentralHeaderSize + 3 * 0xFFFF);
+    out.reserve(kDirectoryChunk);
     std::uint64_t directorySize = 0;
     for (const CentralRecord& record : writer.table) {
         AppendCentralRecord(out, record);

@@ -3,7 +3,6 @@
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/zip_writer_state.hpp"
 
-#include <limits>
 #include <new>
 
 namespace QOB::MiniZip {
