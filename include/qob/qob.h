@@ -27,8 +27,16 @@ extern "C" {
 #define QOB_MANIFEST_COUNT 23
 #define QOB_MANIFEST_SIZE 16384
 
+/* In C++ the enumerations get int as their fixed base, so that any value a host passes (even
+ * one outside the list, which the library then refuses) is a valid value of the type. */
+#ifdef __cplusplus
+#define QOB_ENUM_BASE : int
+#else
+#define QOB_ENUM_BASE
+#endif
+
 /* Result of every export but QOB_SetLogFn: 0 on success, negative on failure. */
-typedef enum QobErrorCode_e {
+typedef enum QobErrorCode_e QOB_ENUM_BASE {
     SUCCESS = 0,
     FILE_NOT_FOUND = -1,
     FILE_NOT_IN_PACKAGE = -2,
@@ -49,7 +57,7 @@ typedef enum QobErrorCode_e {
 } QobErrorCode_e;
 
 /* Selects the record that QOB_Constructor and QOB_Destructor handle. */
-typedef enum QOB_ObjectType {
+typedef enum QOB_ObjectType QOB_ENUM_BASE {
     QOB_OBJECT_PACKAGE_INFO = 0,
     QOB_OBJECT_IMAGE_FILES = 1,
     QOB_OBJECT_UPDATE_ARGS = 2,
@@ -59,10 +67,10 @@ typedef enum QOB_ObjectType {
 } QOB_ObjectType;
 
 /* Field eMode of QOB_ExtractArgs. */
-typedef enum QOB_ExtractMode { QOB_EXTRACT_ALL = 0, QOB_EXTRACT_TO_BUFFER = 1 } QOB_ExtractMode;
+typedef enum QOB_ExtractMode QOB_ENUM_BASE { QOB_EXTRACT_ALL = 0, QOB_EXTRACT_TO_BUFFER = 1 } QOB_ExtractMode;
 
 /* Field ePackingType of QOB_EntryInfo: where the content comes from. */
-typedef enum QOB_CreateMode { QOB_PACK_FROM_FILE = 0, QOB_PACK_FROM_MEMORY = 1 } QOB_CreateMode;
+typedef enum QOB_CreateMode QOB_ENUM_BASE { QOB_PACK_FROM_FILE = 0, QOB_PACK_FROM_MEMORY = 1 } QOB_CreateMode;
 
 typedef void (*QobLogFn)(int level, const char* text, void* user);
 
