@@ -67,10 +67,16 @@ typedef enum QOB_ObjectType QOB_ENUM_BASE {
 } QOB_ObjectType;
 
 /* Field eMode of QOB_ExtractArgs. */
-typedef enum QOB_ExtractMode QOB_ENUM_BASE { QOB_EXTRACT_ALL = 0, QOB_EXTRACT_TO_BUFFER = 1 } QOB_ExtractMode;
+typedef enum QOB_ExtractMode QOB_ENUM_BASE {
+    QOB_EXTRACT_ALL = 0,
+    QOB_EXTRACT_TO_BUFFER = 1
+} QOB_ExtractMode;
 
 /* Field ePackingType of QOB_EntryInfo: where the content comes from. */
-typedef enum QOB_CreateMode QOB_ENUM_BASE { QOB_PACK_FROM_FILE = 0, QOB_PACK_FROM_MEMORY = 1 } QOB_CreateMode;
+typedef enum QOB_CreateMode QOB_ENUM_BASE {
+    QOB_PACK_FROM_FILE = 0,
+    QOB_PACK_FROM_MEMORY = 1
+} QOB_CreateMode;
 
 typedef void (*QobLogFn)(int level, const char* text, void* user);
 

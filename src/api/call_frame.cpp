@@ -6,8 +6,7 @@ namespace QOB {
 
 std::int64_t NowTicks() noexcept {
     using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
-    return std::chrono::duration_cast<Ticks>(
-               std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<Ticks>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 

@@ -72,8 +72,11 @@ void QOB_Extract_Unlocked(QOB_ExtractArgs* args) {
         archive.Read(Path(args->szEntryPath), static_cast<std::byte*>(args->pBuffer),
                      args->uBufferSize);
         return;
-    case QOB_EXTRACT_ALL: ExtractAll(archive, PathFromUtf8(args->szDestination)); return;
-    default: throw Exception(INVALID_PARAMETER, "invalid QOB_ExtractMode variant");
+    case QOB_EXTRACT_ALL:
+        ExtractAll(archive, PathFromUtf8(args->szDestination));
+        return;
+    default:
+        throw Exception(INVALID_PARAMETER, "invalid QOB_ExtractMode variant");
     }
 }
 

@@ -9,8 +9,7 @@ std::string_view ImageBaseName(const QOB_EntryInfo& raw) noexcept {
     return FileNamePart(raw.szPath);
 }
 
-std::string InternalEntryPath(const QOB_EntryInfo& source, EntryKind kind,
-                              std::string_view base) {
+std::string InternalEntryPath(const QOB_EntryInfo& source, EntryKind kind, std::string_view base) {
     const bool profile = kind == EntryKind::Lcc || kind == EntryKind::Icc;
     const std::string name = GetInternalFileNameFromExternal(
         source.szPath, kind, base, profile ? std::string_view(source.szIdentifier) : "");

@@ -36,9 +36,8 @@ void QOB_IsQob_Unlocked(const char* szPackagePath) {
     Archive archive(PathFromUtf8(szPackagePath), true);
     const char* primary = kManifestNames[kPrimaryManifestRow];
     if (!archive.Contains(Path(primary))) {
-        throw Exception(FILE_NOT_IN_PACKAGE,
-                        Format("manifest \"%s\" not found in package \"%s\"", primary,
-                               szPackagePath));
+        throw Exception(FILE_NOT_IN_PACKAGE, Format("manifest \"%s\" not found in package \"%s\"",
+                                                    primary, szPackagePath));
     }
     if (!IsPackageVersionSupported(archive)) {
         throw Exception(PACKAGEVERSION_NOT_SUPPORTED,

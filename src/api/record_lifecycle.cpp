@@ -15,13 +15,20 @@ namespace {
 std::size_t RecordSize(QOB_ObjectType type) {
     // Unsigned, so negative values are rejected too.
     switch (static_cast<std::uint32_t>(type)) {
-    case QOB_OBJECT_PACKAGE_INFO: return sizeof(QOB_PackageInfo);
-    case QOB_OBJECT_IMAGE_FILES: return sizeof(QOB_ImageFiles);
-    case QOB_OBJECT_UPDATE_ARGS: return sizeof(QOB_UpdateArgs);
-    case QOB_OBJECT_ENTRY_INFO: return sizeof(QOB_EntryInfo);
-    case QOB_OBJECT_CREATE_ARGS: return sizeof(QOB_CreateArgs);
-    case QOB_OBJECT_EXTRACT_ARGS: return sizeof(QOB_ExtractArgs);
-    default: throw Exception(INVALID_PARAMETER, "invalid QOB_ObjectType variant");
+    case QOB_OBJECT_PACKAGE_INFO:
+        return sizeof(QOB_PackageInfo);
+    case QOB_OBJECT_IMAGE_FILES:
+        return sizeof(QOB_ImageFiles);
+    case QOB_OBJECT_UPDATE_ARGS:
+        return sizeof(QOB_UpdateArgs);
+    case QOB_OBJECT_ENTRY_INFO:
+        return sizeof(QOB_EntryInfo);
+    case QOB_OBJECT_CREATE_ARGS:
+        return sizeof(QOB_CreateArgs);
+    case QOB_OBJECT_EXTRACT_ARGS:
+        return sizeof(QOB_ExtractArgs);
+    default:
+        throw Exception(INVALID_PARAMETER, "invalid QOB_ObjectType variant");
     }
 }
 

@@ -42,8 +42,8 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         char* text = ManifestText(*info, row);
         if (DeleteFileFromManifest(text, szFilePathInPackage) != SUCCESS) {
-            LogWarn(Format("QOB_RemoveEntry: failed to delete manifest \"%s\"",
-                           kManifestNames[row]));
+            LogWarn(
+                Format("QOB_RemoveEntry: failed to delete manifest \"%s\"", kManifestNames[row]));
             continue;
         }
         PutManifestInZip(archive, text, kManifestNames[row], false);

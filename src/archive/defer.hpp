@@ -30,11 +30,19 @@ public:
         const bool failing = exceptionsAtStart_ < std::uncaught_exceptions();
         bool run = false;
         switch (condition_) {
-        case DeferCondition::Always: run = true; break;
-        case DeferCondition::OnFailure: run = failing; break;
-        case DeferCondition::OnSuccess: run = !failing; break;
-        case DeferCondition::Dismissed: break;
-        default: InvalidCondition(); // ends the process: the destructor is noexcept
+        case DeferCondition::Always:
+            run = true;
+            break;
+        case DeferCondition::OnFailure:
+            run = failing;
+            break;
+        case DeferCondition::OnSuccess:
+            run = !failing;
+            break;
+        case DeferCondition::Dismissed:
+            break;
+        default:
+            InvalidCondition(); // ends the process: the destructor is noexcept
         }
         if (run) {
             action_();

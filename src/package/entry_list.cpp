@@ -32,6 +32,8 @@ QOB_EntryInfo* ResizeEntryList(QOB_EntryInfo* entries, std::uint32_t oldCount,
     return grown;
 }
 
-void FreeEntryList(QOB_EntryInfo* entries) noexcept { std::free(entries); }
+void FreeEntryList(QOB_EntryInfo* entries) noexcept {
+    std::free(entries);
+}
 
 } // namespace QOB

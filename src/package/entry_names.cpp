@@ -16,7 +16,8 @@ std::string GetInternalFileNameFromExternal(std::string_view external, EntryKind
     QOB_FAILURE_TRAIL("in GetInternalFileNameFromExternal");
     const std::string_view name = FileNamePart(external);
     switch (kind) {
-    case EntryKind::Raw: return std::string(name);
+    case EntryKind::Raw:
+        return std::string(name);
     case EntryKind::Settings:
     case EntryKind::Proxy:
     case EntryKind::Mask:
@@ -28,8 +29,10 @@ std::string GetInternalFileNameFromExternal(std::string_view external, EntryKind
         }
         return std::string(base).append(name.substr(dot));
     }
-    case EntryKind::Lcc: return std::string(base).append(".").append(suffix).append(".lcc");
-    case EntryKind::Icc: return std::string(base).append(".").append(suffix);
+    case EntryKind::Lcc:
+        return std::string(base).append(".").append(suffix).append(".lcc");
+    case EntryKind::Icc:
+        return std::string(base).append(".").append(suffix);
     }
     throw Exception(INTERNAL_INCONSISTENCY, "invalid entry type");
 }
@@ -38,8 +41,9 @@ std::filesystem::path ReplaceFilenameInPath(const Path& path, std::string_view n
     QOB_FAILURE_TRAIL("in ReplaceFilenameInPath");
     const std::string& text = path.Sanitized();
     const auto slash = text.find_last_of("/\\");
-    const std::string_view directory =
-        slash == std::string::npos ? std::string_view() : std::string_view(text).substr(0, slash + 1);
+    const std::string_view directory = slash == std::string::npos
+                                           ? std::string_view()
+                                           : std::string_view(text).substr(0, slash + 1);
     const std::string_view oldName = FileNamePart(text);
     // The first dot counts here (a.tar.gz keeps ".tar.gz"), unlike the internal naming rule.
     const auto dot = oldName.find('.');

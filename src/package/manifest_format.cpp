@@ -24,9 +24,12 @@ unsigned ManifestVersion(const char* text) noexcept {
 
 std::string_view KindDirectory(EntryKind kind) noexcept {
     switch (kind) {
-    case EntryKind::Raw: return "";
-    case EntryKind::Proxy: return kProxyPrefix;
-    default: return kSettingsPrefix;
+    case EntryKind::Raw:
+        return "";
+    case EntryKind::Proxy:
+        return kProxyPrefix;
+    default:
+        return kSettingsPrefix;
     }
 }
 

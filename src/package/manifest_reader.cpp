@@ -33,8 +33,8 @@ bool IsPackageVersionSupported(Archive& archive) {
     std::memcpy(text.data(), bytes.data(), bytes.size());
     const Xml::ParseResult parsed = ParseManifest(text);
     if (!parsed.element) {
-        LogError(Format("IsPackageVersionSupported: xml at [%i, %i]: %s", parsed.row,
-                        parsed.column, Xml::ErrorText(parsed.error)));
+        LogError(Format("IsPackageVersionSupported: xml at [%i, %i]: %s", parsed.row, parsed.column,
+                        Xml::ErrorText(parsed.error)));
         return false;
     }
     const Xml::Node version = parsed.element.Child(kVersion);
@@ -77,8 +77,8 @@ std::vector<ManifestNode> GetManifestNodes(Archive& archive, QOB_PackageInfo& in
         if (!parsed.element) {
             if (i == 0) {
                 throw Exception(CANNOT_READ_FILE_PCK,
-                                Format("xml error at row=%i col=%i: %s", parsed.row,
-                                       parsed.column, Xml::ErrorText(parsed.error)));
+                                Format("xml error at row=%i col=%i: %s", parsed.row, parsed.column,
+                                       Xml::ErrorText(parsed.error)));
             }
             continue; // only the primary manifest has to be well-formed
         }
@@ -105,9 +105,9 @@ unsigned ReadManifestHeader(const Xml::Node& root, QOB_PackageInfo& /*info*/) {
     }
     const unsigned value = ManifestVersion(version.Text());
     if (value > kSupportedVersion) {
-        throw Exception(PACKAGEVERSION_NOT_SUPPORTED,
-                        Format("unsupported version: actual=%u supported=%u", value,
-                               kSupportedVersion));
+        throw Exception(
+            PACKAGEVERSION_NOT_SUPPORTED,
+            Format("unsupported version: actual=%u supported=%u", value, kSupportedVersion));
     }
     const auto count = static_cast<unsigned>(root.ChildCount(kFile));
     if (count < 1) {

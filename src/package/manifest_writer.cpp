@@ -36,9 +36,8 @@ std::string InPackage(std::string_view prefix, const char* path) {
     return std::string(prefix).append(FileNamePart(path));
 }
 
-void WriteProfiles(Xml::Node file, std::string_view containerName,
-                   std::string_view itemName, std::string_view attribute,
-                   const QOB_EntryInfo* entries, std::uint32_t count) {
+void WriteProfiles(Xml::Node file, std::string_view containerName, std::string_view itemName,
+                   std::string_view attribute, const QOB_EntryInfo* entries, std::uint32_t count) {
     Xml::Node container = FindOrAppend(file, containerName);
     for (std::uint32_t k = 0; k < count; ++k) {
         const QOB_EntryInfo& entry = entries[k];
@@ -108,8 +107,8 @@ void GenerateManifestInMem(QOB_PackageInfo* info) {
         const std::size_t length = Xml::RenderLength(roots[row]);
         if (length >= kManifestBufferSize) {
             throw Exception(INVALID_PARAMETER,
-                            Format("xml string too long: src=%i dst=%zu",
-                                   static_cast<int>(length), kManifestBufferSize));
+                            Format("xml string too long: src=%i dst=%zu", static_cast<int>(length),
+                                   kManifestBufferSize));
         }
         Xml::Render(roots[row], ManifestText(*info, row), kManifestBufferSize);
     }

@@ -137,8 +137,11 @@ void AddFileToPackage(Archive& archive, const QOB_EntryInfo& entry, const Path& 
         archive.Insert(path, static_cast<const std::byte*>(entry.pBuffer), entry.uBufferLength,
                        entry.uReservedSpace);
         break;
-    case QOB_PACK_FROM_FILE: archive.Insert(path, SourcePath(entry), entry.uReservedSpace); break;
-    default: throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
+    case QOB_PACK_FROM_FILE:
+        archive.Insert(path, SourcePath(entry), entry.uReservedSpace);
+        break;
+    default:
+        throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
     }
     archive.Flush();
 }

@@ -23,9 +23,9 @@ FileStream* FileOpen(const char* utf8Name, int mode) noexcept;
 FileStream* FileOpenReadOnly(const char* utf8Name) noexcept;
 std::uint32_t FileRead(FileStream* stream, void* buffer, std::uint32_t size) noexcept;
 std::uint32_t FileWrite(FileStream* stream, const void* buffer, std::uint32_t size) noexcept;
-long FileTell(FileStream* stream) noexcept; // -1 on failure
+long FileTell(FileStream* stream) noexcept;                                   // -1 on failure
 long FileSeek(FileStream* stream, std::uint32_t offset, int origin) noexcept; // 0 or -1
-int FileClose(FileStream* stream) noexcept;                                  // 0 or -1
+int FileClose(FileStream* stream) noexcept;                                   // 0 or -1
 int FileError(FileStream* stream) noexcept; // last stored error, -1 for a null stream
 // 0, or -7 null stream, -2 no file, -3 tell failed, -4 seek failed, -5 cut failed,
 // -6 cut done but the position could not be restored.

@@ -6,24 +6,42 @@ namespace QOB {
 
 const char* ErrorName(int code) noexcept {
     switch (code) {
-    case SUCCESS: return "SUCCESS";
-    case FILE_NOT_FOUND: return "FILE_NOT_FOUND";
-    case FILE_NOT_IN_PACKAGE: return "FILE_NOT_IN_PACKAGE";
-    case DIRECTORY_DOESNOT_EXIST: return "DIRECTORY_DOESNOT_EXIST";
-    case CREATE_DIRECTORY: return "CREATE_DIRECTORY";
-    case EXTRACT_FILE: return "EXTRACT_FILE";
-    case INVALID_POINTER: return "INVALID_POINTER";
-    case INVALID_PARAMETER: return "INVALID_PARAMETER";
-    case PACKAGE_NOT_FOUND: return "PACKAGE_NOT_FOUND";
-    case CANNOT_OPEN_FILE_PCK: return "CANNOT_OPEN_FILE_PCK";
-    case CANNOT_READ_FILE_PCK: return "CANNOT_READ_FILE_PCK";
-    case FILE_COUNT_EXCEEDS_MAX: return "FILE_COUNT_EXCEEDS_MAX";
-    case PACKAGEVERSION_NOT_SUPPORTED: return "PACKAGEVERSION_NOT_SUPPORTED";
-    case CANNOT_DELETE_INTERNAL_FILE: return "CANNOT_DELETE_INTERNAL_FILE";
-    case CANNOT_REMOVE_FILE: return "CANNOT_REMOVE_FILE";
-    case INTERNAL_INCONSISTENCY: return "INTERNAL_INCONSISTENCY";
-    case FUNC_NOT_IMPL: return "FUNC_NOT_IMPL";
-    default: return "invalid error code";
+    case SUCCESS:
+        return "SUCCESS";
+    case FILE_NOT_FOUND:
+        return "FILE_NOT_FOUND";
+    case FILE_NOT_IN_PACKAGE:
+        return "FILE_NOT_IN_PACKAGE";
+    case DIRECTORY_DOESNOT_EXIST:
+        return "DIRECTORY_DOESNOT_EXIST";
+    case CREATE_DIRECTORY:
+        return "CREATE_DIRECTORY";
+    case EXTRACT_FILE:
+        return "EXTRACT_FILE";
+    case INVALID_POINTER:
+        return "INVALID_POINTER";
+    case INVALID_PARAMETER:
+        return "INVALID_PARAMETER";
+    case PACKAGE_NOT_FOUND:
+        return "PACKAGE_NOT_FOUND";
+    case CANNOT_OPEN_FILE_PCK:
+        return "CANNOT_OPEN_FILE_PCK";
+    case CANNOT_READ_FILE_PCK:
+        return "CANNOT_READ_FILE_PCK";
+    case FILE_COUNT_EXCEEDS_MAX:
+        return "FILE_COUNT_EXCEEDS_MAX";
+    case PACKAGEVERSION_NOT_SUPPORTED:
+        return "PACKAGEVERSION_NOT_SUPPORTED";
+    case CANNOT_DELETE_INTERNAL_FILE:
+        return "CANNOT_DELETE_INTERNAL_FILE";
+    case CANNOT_REMOVE_FILE:
+        return "CANNOT_REMOVE_FILE";
+    case INTERNAL_INCONSISTENCY:
+        return "INTERNAL_INCONSISTENCY";
+    case FUNC_NOT_IMPL:
+        return "FUNC_NOT_IMPL";
+    default:
+        return "invalid error code";
     }
 }
 

@@ -37,11 +37,23 @@ void Log(LogLevel level, const std::string& message) {
     g_logFn(index, line.c_str(), g_logUser);
 }
 
-void LogFatal(const std::string& message) { Log(LogLevel::Fatal, message); }
-void LogError(const std::string& message) { Log(LogLevel::Error, message); }
-void LogWarn(const std::string& message) { Log(LogLevel::Warn, message); }
-void LogInfo(const std::string& message) { Log(LogLevel::Info, message); }
-void LogDebug(const std::string& message) { Log(LogLevel::Debug, message); }
-void LogTrace(const std::string& message) { Log(LogLevel::Trace, message); }
+void LogFatal(const std::string& message) {
+    Log(LogLevel::Fatal, message);
+}
+void LogError(const std::string& message) {
+    Log(LogLevel::Error, message);
+}
+void LogWarn(const std::string& message) {
+    Log(LogLevel::Warn, message);
+}
+void LogInfo(const std::string& message) {
+    Log(LogLevel::Info, message);
+}
+void LogDebug(const std::string& message) {
+    Log(LogLevel::Debug, message);
+}
+void LogTrace(const std::string& message) {
+    Log(LogLevel::Trace, message);
+}
 
 } // namespace QOB

@@ -41,8 +41,8 @@ void ExpectTiming(const qobtest::LogLine& line, const std::string& label, const 
     const std::string tail = " seconds: " + name;
     ASSERT_GE(line.text.size(), head.size() + tail.size());
     EXPECT_EQ(line.text.substr(line.text.size() - tail.size()), tail) << line.text;
-    const std::string number = line.text.substr(head.size(), line.text.size() - head.size() -
-                                                                 tail.size());
+    const std::string number =
+        line.text.substr(head.size(), line.text.size() - head.size() - tail.size());
     ASSERT_EQ(number.size(), 5u) << number; // %.03f of a fast call: "0.000"
     EXPECT_EQ(number[1], '.');
 }
@@ -78,7 +78,8 @@ TEST(CallFrame, RemoveEntryNamesTheNullArgument) {
     EXPECT_TRUE(log.Contains("Exception: argument szPackageFullPath is null"));
     log.Clear();
     EXPECT_EQ(QOB_RemoveEntry("p.qob", nullptr), INVALID_POINTER);
-    EXPECT_TRUE(log.Contains("QOB_RemoveEntry: [INVALID_POINTER] argument szFilePathInPackage is null"));
+    EXPECT_TRUE(
+        log.Contains("QOB_RemoveEntry: [INVALID_POINTER] argument szFilePathInPackage is null"));
 }
 
 TEST(CallFrame, SuccessfulCallLogsExecutedFor) {

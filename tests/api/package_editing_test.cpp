@@ -297,8 +297,9 @@ TEST_F(PackageEditing, ExtractAllAndRemove) {
     }
 
     // Removing an ordinary entry takes it out of the zip and out of every manifest.
-    ASSERT_EQ(QOB_RemoveEntry(package.string().c_str(), "Quillmarsh/Cache/Proxies/IMG_0001.CR3.jpg"),
-              SUCCESS);
+    ASSERT_EQ(
+        QOB_RemoveEntry(package.string().c_str(), "Quillmarsh/Cache/Proxies/IMG_0001.CR3.jpg"),
+        SUCCESS);
     Info info;
     ASSERT_EQ(info.Read(package), SUCCESS);
     EXPECT_EQ(info.files().proxy.szPath[0], '\0');

@@ -17,7 +17,9 @@ const std::string kChild = "qob_lock_child.exe";
 const std::string kChild = "./qob_lock_child";
 #endif
 
-std::string Quote(const std::filesystem::path& path) { return "\"" + path.string() + "\""; }
+std::string Quote(const std::filesystem::path& path) {
+    return "\"" + path.string() + "\"";
+}
 
 TEST(ProcessLock, TwoHoldersNeverInterleave) {
     qobtest::TempDir dir;

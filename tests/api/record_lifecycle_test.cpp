@@ -17,7 +17,9 @@ struct Kind {
 
 // The list pointers sit 4 bytes off their natural alignment in the packed records: read them
 // by value, never bind a reference to them.
-QOB_EntryInfo* Loaded(QOB_EntryInfo* pointer) { return pointer; }
+QOB_EntryInfo* Loaded(QOB_EntryInfo* pointer) {
+    return pointer;
+}
 
 const Kind kKinds[] = {
     {QOB_OBJECT_PACKAGE_INFO, 381176}, {QOB_OBJECT_IMAGE_FILES, 4084},

@@ -82,7 +82,7 @@ TEST(Logging, PrefixesAndPassThrough) {
     QOB::LogDebug("e");
     QOB::LogTrace("f");
     ASSERT_EQ(log.lines.size(), 6u);
-    const char* expected[] = {"[QOB][FATAL] a", "[QOB][ERROR] b", "[QOB][WARN ] ",
+    const char* expected[] = {"[QOB][FATAL] a",          "[QOB][ERROR] b", "[QOB][WARN ] ",
                               "[QOB][INFO ] 100% %s %n", "[QOB][DEBUG] e", "[QOB][TRACE] f"};
     for (int i = 0; i < 6; ++i) {
         EXPECT_EQ(log.lines[i].level, i);
@@ -114,11 +114,12 @@ TEST(CallGuarded, MapsEveryKindOfException) {
     EXPECT_EQ(QOB::CallGuarded("F", [] { throw 7; }), INTERNAL_INCONSISTENCY);
     EXPECT_EQ(log.lines.back().text, "[QOB][ERROR] F: caught unknown exception");
     // The lock is released on every path: a nested frame on this thread still gets in.
-    EXPECT_EQ(QOB::CallGuarded("Outer", [] {
-                  if (QOB::CallGuarded("Inner", [] {}) != SUCCESS) {
-                      throw 1;
-                  }
-              }),
+    EXPECT_EQ(QOB::CallGuarded("Outer",
+                               [] {
+                                   if (QOB::CallGuarded("Inner", [] {}) != SUCCESS) {
+                                       throw 1;
+                                   }
+                               }),
               SUCCESS);
 }
 

@@ -16,8 +16,7 @@ TempDir::TempDir() {
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     const std::string name = info != nullptr ? info->name() : "qob";
     path_ = std::filesystem::temp_directory_path() /
-            ("qob-test-" + name + "-" + std::to_string(random()) + "-" +
-             std::to_string(counter++));
+            ("qob-test-" + name + "-" + std::to_string(random()) + "-" + std::to_string(counter++));
     std::filesystem::create_directories(path_);
 }
 
@@ -60,13 +59,17 @@ LogCapture::LogCapture(SetSinkFn set) : set_(set) {
 
 void SilentSink(int, const char*, void*) {}
 
-LogCapture::~LogCapture() { set_(&SilentSink, nullptr); }
+LogCapture::~LogCapture() {
+    set_(&SilentSink, nullptr);
+}
 
 void LogCapture::Sink(int level, const char* text, void* user) {
     static_cast<LogCapture*>(user)->lines.push_back({level, text});
 }
 
-bool LogCapture::Contains(const std::string& text) const { return Count(text) > 0; }
+bool LogCapture::Contains(const std::string& text) const {
+    return Count(text) > 0;
+}
 
 std::size_t LogCapture::Count(const std::string& text) const {
     std::size_t count = 0;
@@ -90,6 +93,8 @@ int Run(const std::string& command) {
 #endif
 }
 
-std::string Python() { return QOB_PYTHON; }
+std::string Python() {
+    return QOB_PYTHON;
+}
 
 } // namespace qobtest

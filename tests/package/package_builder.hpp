@@ -21,7 +21,8 @@ struct EntrySpec {
 inline void BuildPackage(const std::filesystem::path& file, const std::vector<EntrySpec>& entries) {
     QOB::Archive archive(file, false);
     for (const auto& entry : entries) {
-        archive.Insert(QOB::Path(entry.name), reinterpret_cast<const std::byte*>(entry.content.data()),
+        archive.Insert(QOB::Path(entry.name),
+                       reinterpret_cast<const std::byte*>(entry.content.data()),
                        entry.content.size(), entry.padding);
     }
 }

@@ -116,7 +116,8 @@ TEST(PackageQueries, ManifestCopiesAndTheirFaults) {
 
     // A malformed copy beside a good primary manifest is ignored.
     const auto copy = dir / "copy.qob";
-    BuildPackage(copy, {{"manifest.xml", Manifest("1", files)}, {"manifest50.xml", "<Manifest><File>"}});
+    BuildPackage(copy,
+                 {{"manifest.xml", Manifest("1", files)}, {"manifest50.xml", "<Manifest><File>"}});
     Info copyInfo;
     EXPECT_EQ(copyInfo.Read(copy), SUCCESS);
     EXPECT_EQ(copyInfo.record->szManifests[1][0], '\0');
