@@ -9,6 +9,7 @@
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
+#include "support/utf8_path.hpp"
 
 #include <algorithm>
 #include <fstream>

@@ -150,9 +150,4 @@ void CheckEntryPathField(const char* field) {
     }
 }
 
-std::string PathToUtf8(const std::filesystem::path& path) {
-    const std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
-
 } // namespace QOB

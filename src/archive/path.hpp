@@ -2,7 +2,6 @@
 // "/"-separated and lexically normal. The same rules hold on every platform.
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 namespace QOB {
@@ -27,8 +26,5 @@ private:
 // Checks a fixed character field of a public record before it becomes a Path: not null,
 // and NUL-terminated within its first 260 bytes. Throws QOB::Exception (INVALID_PARAMETER).
 void CheckEntryPathField(const char* field);
-
-// A file-system path as UTF-8, the form paths take in messages and in the zip layer.
-std::string PathToUtf8(const std::filesystem::path& path);
 
 } // namespace QOB

@@ -3,12 +3,12 @@
 #include "archive/defer.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
-#include "archive/path.hpp"
 #include "archive/zip_results.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
+#include "support/utf8_path.hpp"
 
 #include <fstream>
 #include <system_error>
