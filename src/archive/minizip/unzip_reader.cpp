@@ -10,6 +10,33 @@
 namespace QOB::MiniZip {
 namespace {
 
+// Directories up to this size are kept in memory; larger ones are read from the file.
+constexpr std::uint64_t kMaxCachedDirectory = 16u << 20;
+
+void LoadDirectory(UnzReader& reader) {
+    const std::uint64_t start = reader.end.DirectoryStart();
+    const std::uint64_t size = reader.end.DirectoryEnd() - start;
+    if (size == 0 || size > kMaxCachedDirectory) {
+        return;
+    }
+    // The end record was checked against the file, so the file holds these bytes.
+    reader.directory.resize(static_cast<std::size_t>(size));
+    if (!reader.file.ReadAt(start, reader.directory.data(), static_cast<std::uint32_t>(size))) {
+        reader.directory.clear();
+    }
+}
+
+// size bytes of the directory at file position `position`, from memory when loaded.
+bool ReadDirectory(UnzReader& reader, std::uint64_t position, void* buffer, std::uint32_t size) {
+    const std::uint64_t start = reader.end.DirectoryStart();
+    if (!reader.directory.empty() && position >= start &&
+        position - start + size <= reader.directory.size()) {
+        std::memcpy(buffer, reader.directory.data() + (position - start), size);
+        return true;
+    }
+    return reader.file.ReadAt(position, buffer, size);
+}
+
 // Reads the central record at `position`, which must lie wholly inside the directory.
 int ReadRecord(UnzReader& reader, std::uint64_t position, CentralRecord& record) {
     const std::uint64_t directoryEnd = reader.end.DirectoryEnd();
@@ -18,7 +45,7 @@ int ReadRecord(UnzReader& reader, std::uint64_t position, CentralRecord& record)
     if (position + kCentralHeaderSize > directoryEnd) {
         return UNZ_BADZIPFILE;
     }
-    if (!reader.file.ReadAt(position, header, kCentralHeaderSize)) {
+    if (!ReadDirectory(reader, position, header, kCentralHeaderSize)) {
         return UNZ_ERRNO;
     }
     if (!ParseCentralHeader(header, record, lengths) ||
@@ -26,7 +53,7 @@ int ReadRecord(UnzReader& reader, std::uint64_t position, CentralRecord& record)
         return UNZ_BADZIPFILE;
     }
     std::vector<std::uint8_t> variable(lengths.Total());
-    if (!reader.file.ReadAt(position + kCentralHeaderSize, variable.data(), lengths.Total())) {
+    if (!ReadDirectory(reader, position + kCentralHeaderSize, variable.data(), lengths.Total())) {
         return UNZ_ERRNO;
     }
     AssignVariableFields(variable.data(), lengths, record);
@@ -125,6 +152,7 @@ unzFile unzOpen2(const char* path, const zlib_filefunc_def* functions) {
     try {
         auto reader = std::make_unique<UnzReader>(io, stream);
         if (FindEndRecord(reader->file, reader->end) == UNZ_OK) {
+            LoadDirectory(*reader);
             GoToFirst(*reader);
             return reader.release();
         }

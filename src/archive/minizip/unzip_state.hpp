@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace QOB::MiniZip {
 
@@ -27,6 +28,9 @@ struct UnzReader {
     std::uint32_t recordPosition = 0; // file position of the central record
     CentralRecord current;
     std::unique_ptr<ReadEntry, ReadEntryDelete> entry;
+    // The central directory, read once at open when it is of a sane size: every walk and
+    // lookup then works from memory instead of seeking through the file record by record.
+    std::vector<std::uint8_t> directory;
 };
 
 inline UnzReader* AsReader(unzFile file) noexcept {
