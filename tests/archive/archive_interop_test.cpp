@@ -98,8 +98,7 @@ TEST_F(ArchiveInteropTest, PaddedEntryOf64KiBOrMore) {
     // Python 1: zipfile.BadZipFile "Corrupt extra field 1170 (size=1)" on opening.
     EXPECT_EQ(Verdicts(path), (std::vector<int>{2, 0, 1, 1}));
     QOB::Archive archive(path, true);
-    const auto read = archive.Read(QOB::Path("large.bin"));
-    EXPECT_TRUE(std::string(reinterpret_cast<const char*>(read.data()), read.size()) == content);
+    EXPECT_TRUE(Text(archive.Read(QOB::Path("large.bin"))) == content);
 }
 
 TEST_F(ArchiveInteropTest, ReadsArchivesOfOtherTools) {
@@ -151,10 +150,7 @@ with open(os.path.join(out, "descriptor.zip"), "wb") as f:
         for (const auto& entry : entries) {
             const std::string& expected = files.at(entry.path);
             EXPECT_EQ(entry.content_size, expected.size());
-            const auto read = archive.Read(QOB::Path(entry.path));
-            EXPECT_TRUE(std::string(reinterpret_cast<const char*>(read.data()), read.size()) ==
-                        expected)
-                << entry.path;
+            EXPECT_TRUE(Text(archive.Read(QOB::Path(entry.path))) == expected) << entry.path;
         }
         archive.Extract(QOB::Path("sub/random.bin"), dir / "out" / archiveName, true);
         EXPECT_TRUE(qobtest::ReadFile(dir / "out" / archiveName) == files.at("sub/random.bin"));
