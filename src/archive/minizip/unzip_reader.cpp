@@ -28,6 +28,9 @@ void LoadDirectory(UnzReader& reader) {
 
 // size bytes of the directory at file position `position`, from memory when loaded.
 bool ReadDirectory(UnzReader& reader, std::uint64_t position, void* buffer, std::uint32_t size) {
+    if (size == 0) {
+        return true; // a record without name, extra field and comment has nothing more
+    }
     const std::uint64_t start = reader.end.DirectoryStart();
     if (!reader.directory.empty() && position >= start &&
         position - start + size <= reader.directory.size()) {
