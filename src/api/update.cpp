@@ -37,6 +37,8 @@ void UpdateEntry(const UpdateContext& context, QOB_EntryInfo& current,
     if (listItem && !CopyToField(current.szIdentifier, incoming.szIdentifier)) {
         throw Exception(INVALID_PARAMETER, "fileIdSrc too long");
     }
+    // The new entry is the source, and its reserved space is what the host asks to keep
+    // behind the content if the entry has to be inserted again (masks shrink back this way).
     UpdateFileInPackage(context.archive, incoming, Path(entryPath), compact);
 }
 

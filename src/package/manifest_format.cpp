@@ -1,5 +1,7 @@
 #include "package/manifest_format.hpp"
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 
 namespace QOB {
@@ -17,9 +19,11 @@ unsigned ManifestVersion(const char* text) noexcept {
     if (text == nullptr) {
         return 0;
     }
-    // strtol rather than atoi: same digits, but no undefined behaviour on overflow.
-    const long value = std::strtol(text, nullptr, 10);
-    return static_cast<unsigned>(static_cast<int>(value));
+    // atoi's digits, without its undefined behaviour on overflow, and the same result where
+    // long is 32 bits (Windows) and where it is 64: out-of-range values saturate to int.
+    const long long value = std::strtoll(text, nullptr, 10);
+    const long long clamped = std::clamp<long long>(value, INT_MIN, INT_MAX);
+    return static_cast<unsigned>(static_cast<int>(clamped));
 }
 
 std::string_view KindDirectory(EntryKind kind) noexcept {

@@ -141,10 +141,10 @@ bool getFileInfo(Archive& archive, QOB_EntryInfo& entry) {
 
 bool PopulateInfoFromXml(Archive& archive, QOB_EntryInfo* entry, const Xml::Node& node,
                          const char* attribute) {
+    QOB_FAILURE_TRAIL("in PopulateInfoFromXml");
     if (entry == nullptr) {
         throw Exception(INVALID_PARAMETER, "entry path is null");
     }
-    QOB_FAILURE_TRAIL("in PopulateInfoFromXml");
     bool copiedPath = false;
     const char* text = node.Text();
     if (text != nullptr && std::strlen(text) + 1 < 261) {
@@ -156,7 +156,8 @@ bool PopulateInfoFromXml(Archive& archive, QOB_EntryInfo* entry, const Xml::Node
     if (attribute == nullptr) {
         return copiedPath;
     }
-    const std::string name(FileNamePart(entry->szPath));
+    // The file name comes from the element's text, even when the whole path was too long.
+    const std::string name(text != nullptr ? FileNamePart(text) : std::string_view());
     if (!CopyToField(entry->szSecondPath, name.c_str())) {
         entry->szSecondPath[0] = '\0';
     }
@@ -197,10 +198,10 @@ void FillList(Archive& archive, const Xml::Node& container, std::string_view ite
 
 void GetPackageInfoInternal(Archive& archive, QOB_PackageInfo& info) {
     QOB_FAILURE_TRAIL("in GetPackageInfoInternal");
-    const std::vector<ManifestNode> nodes = GetManifestNodes(archive, info);
-    const char* reading = kManifestNames[nodes.front().row];
+    const char* reading = kManifestNames[kPrimaryManifestRow];
     Deferred context(DeferCondition::OnFailure,
                      [&] { LogError(Format("in manifest: \"%s\"", reading)); });
+    const std::vector<ManifestNode> nodes = GetManifestNodes(archive, info);
     const unsigned count = ReadManifestHeader(nodes.front().root, info);
 
     std::vector<Xml::Node> files;
@@ -220,6 +221,7 @@ void GetPackageInfoInternal(Archive& archive, QOB_PackageInfo& info) {
             raws.push_back(raw);
         }
     }
+    reading = kManifestNames[nodes.front().row]; // the image's data comes from the primary one
     if (files.empty()) {
         throw Exception(INTERNAL_INCONSISTENCY, "file node array is empty");
     }

@@ -73,9 +73,11 @@ UpdateSteps GetUpdateSteps(Archive& archive, const Path& path, std::uint64_t siz
     return steps;
 }
 
-void UpdateEntryFromMemory(Archive& archive, const Path& path, const std::byte* content,
-                           std::size_t length, bool compact, std::size_t padding) {
-    QOB_FAILURE_TRAIL("in UpdateEntryFromMemory");
+namespace {
+
+// The steps shared by the guarded operations below; each of those logs its own context line.
+void WriteFromMemory(Archive& archive, const Path& path, const std::byte* content,
+                     std::size_t length, bool compact, std::size_t padding) {
     const UpdateSteps steps = GetUpdateSteps(archive, path, length, compact);
     if (steps.updateInPlace) {
         archive.Update(Path(steps.storedName), content, length);
@@ -89,9 +91,8 @@ void UpdateEntryFromMemory(Archive& archive, const Path& path, const std::byte* 
     archive.Flush();
 }
 
-void UpdateEntryFromFile(Archive& archive, const Path& path, const std::filesystem::path& file,
-                         bool compact, const QOB_EntryInfo& entry) {
-    QOB_FAILURE_TRAIL("in UpdateEntryFromFile");
+void WriteFromFile(Archive& archive, const Path& path, const std::filesystem::path& file,
+                   bool compact, std::size_t padding) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         throw Exception(FILE_NOT_FOUND, "cannot open file");
@@ -107,9 +108,23 @@ void UpdateEntryFromFile(Archive& archive, const Path& path, const std::filesyst
         archive.Remove(Path(steps.storedName));
     }
     if (steps.insert) {
-        archive.Insert(path, file, entry.uReservedSpace);
+        archive.Insert(path, file, padding);
     }
     archive.Flush();
+}
+
+} // namespace
+
+void UpdateEntryFromMemory(Archive& archive, const Path& path, const std::byte* content,
+                           std::size_t length, bool compact, std::size_t padding) {
+    QOB_FAILURE_TRAIL("in UpdateEntryFromMemory");
+    WriteFromMemory(archive, path, content, length, compact, padding);
+}
+
+void UpdateEntryFromFile(Archive& archive, const Path& path, const std::filesystem::path& file,
+                         bool compact, const QOB_EntryInfo& entry) {
+    QOB_FAILURE_TRAIL("in UpdateEntryFromFile");
+    WriteFromFile(archive, path, file, compact, entry.uReservedSpace);
 }
 
 void UpdateFileInPackage(Archive& archive, const QOB_EntryInfo& entry, const Path& path,
@@ -117,11 +132,11 @@ void UpdateFileInPackage(Archive& archive, const QOB_EntryInfo& entry, const Pat
     QOB_FAILURE_TRAIL("in UpdateFileInPackage");
     switch (entry.ePackingType) {
     case QOB_PACK_FROM_MEMORY:
-        UpdateEntryFromMemory(archive, path, static_cast<const std::byte*>(entry.pBuffer),
-                              entry.uBufferLength, compact, entry.uReservedSpace);
+        WriteFromMemory(archive, path, static_cast<const std::byte*>(entry.pBuffer),
+                        entry.uBufferLength, compact, entry.uReservedSpace);
         return;
     case QOB_PACK_FROM_FILE:
-        UpdateEntryFromFile(archive, path, SourcePath(entry), compact, entry);
+        WriteFromFile(archive, path, SourcePath(entry), compact, entry.uReservedSpace);
         return;
     default:
         throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
