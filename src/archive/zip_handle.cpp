@@ -16,6 +16,11 @@
 namespace QOB::MiniZip {
 namespace {
 
+bool IsEmpty(void* unzip) {
+    unz_global_info info{};
+    return unzGetGlobalInfo(unzip, &info) == UNZ_OK && info.number_entry == 0;
+}
+
 constexpr int kOpenReadWriteExisting = kOpenRead | kOpenWrite | kOpenExisting;
 
 } // namespace
@@ -163,8 +168,10 @@ void Handle::UnzipOpen() {
     if (unzip == nullptr) {
         throw Exception(CANNOT_OPEN_FILE_PCK, "failed to open unzip handle");
     }
+    // An archive without entries is a valid, empty zip (all that is left after removing the
+    // last entry): there is just no first entry to stand on.
     const int result = unzGoToFirstFile(unzip);
-    if (result != UNZ_OK) {
+    if (result != UNZ_OK && !(result == UNZ_END_OF_LIST_OF_FILE && IsEmpty(unzip))) {
         unzClose(unzip);
         CheckUnzipResult(result);
         throw Exception(INTERNAL_INCONSISTENCY, "failed to open unzip handle");

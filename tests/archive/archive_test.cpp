@@ -209,4 +209,20 @@ TEST(ArchiveTest, ExtractCreatesDirectoriesAndOverwrites) {
     EXPECT_EQ(log.Count("[QOB][INFO ]"), 0u);
 }
 
+TEST(ArchiveTest, RemovingTheLastEntryLeavesAnEmptyZip) {
+    qobtest::TempDir dir;
+    const auto path = dir / "one.zip";
+    {
+        QOB::Archive archive(path, false);
+        archive.Insert(QOB::Path("only.txt"), Bytes("x"), 1, 8);
+        archive.Remove(QOB::Path("only.txt"));
+        EXPECT_TRUE(archive.List().empty());
+        EXPECT_FALSE(archive.Contains(QOB::Path("only.txt")));
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), 22u); // the end record alone
+    QOB::Archive reopened(path, true);
+    EXPECT_TRUE(reopened.List().empty());
+    EXPECT_EQ(QOB_IsQob(path.string().c_str()), FILE_NOT_IN_PACKAGE);
+}
+
 } // namespace

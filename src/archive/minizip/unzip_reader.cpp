@@ -75,8 +75,10 @@ int GoTo(UnzReader& reader, std::uint32_t index, std::uint64_t position) {
 }
 
 int GoToFirst(UnzReader& reader) {
-    // With no entries the first record position holds the end record instead, so an
-    // empty archive reports a bad file here, as it always has.
+    if (reader.end.entryCount == 0) {
+        reader.currentValid = false;
+        return UNZ_END_OF_LIST_OF_FILE; // an empty archive: nothing to stand on
+    }
     return GoTo(reader, 0, reader.end.DirectoryStart());
 }
 
