@@ -18,32 +18,29 @@ def build(entries, method=zipfile.ZIP_STORED):
 def padded(name, content, padding):
     """An entry framed like the library's own: stored, zero padding, raw 4-byte size."""
     info = zipfile.ZipInfo(name, date_time=(2024, 2, 29, 13, 45, 58))
-    info.compress_type = zipfile.ZIP_STORED
     info.extra = struct.pack("<I", len(content) if padding else 0)
     return info, content + b"\0" * padding
 
 
-def main():
-    out = sys.argv[1]
-    os.makedirs(out, exist_ok=True)
-    text = b"<Manifest><Version>1</Version></Manifest>\n" * 20
-    seeds = {
-        "stored.zip": build([("manifest.xml", text), ("Settings/a.xml", b"<a/>")]),
-        "deflated.zip": build([("manifest.xml", text), ("raw/image.raw", bytes(range(256)) * 8)],
-                              zipfile.ZIP_DEFLATED),
-        "traversal.zip": build([("../evil.txt", b"evil"), ("/abs", b"abs"), ("C:x", b"drive"),
-                                ("a/../../up.txt", b"up"), ("dir\\back.txt", b"back")]),
-        "padded.zip": build([padded("manifest.xml", text, 300), padded("empty", b"", 16),
-                             padded("full", b"full", 0)]),
-        "empty_archive.zip": build([]),
-        "empty_file.zip": b"",
-    }
-    seeds["truncated.zip"] = seeds["deflated.zip"][: len(seeds["deflated.zip"]) // 2]
-    seeds["no_end_record.zip"] = seeds["stored.zip"][:-22]
-    for name, data in seeds.items():
-        with open(os.path.join(out, name), "wb") as handle:
-            handle.write(data)
-
+TEXT = b"<Manifest><Version>1</Version></Manifest>\n" * 20
+STORED = build([("manifest.xml", TEXT), ("Settings/a.xml", b"<a/>")])
+DEFLATED = build([("manifest.xml", TEXT), ("raw/image.raw", bytes(range(256)) * 8)],
+                 zipfile.ZIP_DEFLATED)
+SEEDS = {
+    "stored.zip": STORED,
+    "deflated.zip": DEFLATED,
+    "traversal.zip": build([("../evil.txt", b"evil"), ("/abs", b"abs"), ("C:x", b"drive"),
+                            ("a/../../up.txt", b"up"), ("dir\\back.txt", b"back")]),
+    "padded.zip": build([padded("manifest.xml", TEXT, 300), padded("empty", b"", 16),
+                         padded("full", b"full", 0)]),
+    "empty_archive.zip": build([]),
+    "empty_file.zip": b"",
+    "truncated.zip": DEFLATED[:len(DEFLATED) // 2],
+    "no_end_record.zip": STORED[:-22],
+}
 
 if __name__ == "__main__":
-    main()
+    os.makedirs(sys.argv[1], exist_ok=True)
+    for name, data in SEEDS.items():
+        with open(os.path.join(sys.argv[1], name), "wb") as handle:
+            handle.write(data)

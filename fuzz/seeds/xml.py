@@ -37,19 +37,11 @@ SEEDS = {
     'empty': '',
     'blank': ' \r\n\t',
     'bom': '\ufeff<Manifest/>',
+    'latin1': b'<Manifest a="\xe9">\xff\x00\x80</Manifest>',  # not UTF-8: passes untouched
 }
 
-
-def main():
-    if len(sys.argv) != 2:
-        sys.exit('usage: xml.py OUTDIR')
+if __name__ == '__main__':
     out = pathlib.Path(sys.argv[1])
     out.mkdir(parents=True, exist_ok=True)
     for name, text in SEEDS.items():
-        (out / name).write_bytes(text.encode('utf-8'))
-    # Bytes that are not UTF-8 pass through the model untouched.
-    (out / 'latin1').write_bytes(b'<Manifest a="\xe9">\xff\x00\x80</Manifest>')
-
-
-if __name__ == '__main__':
-    main()
+        (out / name).write_bytes(text if isinstance(text, bytes) else text.encode('utf-8'))

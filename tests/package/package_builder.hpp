@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qobtest {
@@ -27,8 +26,10 @@ inline void BuildPackage(const std::filesystem::path& file, const std::vector<En
     }
 }
 
+inline const std::string kRawOnly = "<File><RawPath>a.raw</RawPath></File>";
+
 // A primary manifest with the given version text and File elements.
-inline std::string Manifest(const std::string& version, const std::string& files) {
+inline std::string Manifest(const std::string& version = "1", const std::string& files = kRawOnly) {
     return "<Manifest><Platform>0</Platform>" + files + "<Version>" + version +
            "</Version><MinorVersion>3</MinorVersion><Type>0</Type></Manifest>";
 }
