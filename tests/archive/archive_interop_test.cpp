@@ -11,12 +11,7 @@
 
 namespace {
 
-using qobtest::Bytes;
-using qobtest::Text;
-
-[[maybe_unused]] bool Have(const std::string& tool) {
-    return qobtest::Run("command -v " + tool + " >/dev/null 2>&1") == 0;
-}
+using namespace qobtest;
 
 std::string Quote(const std::filesystem::path& path) {
     return "'" + path.string() + "'";
@@ -27,7 +22,7 @@ std::vector<int> Verdicts(const std::filesystem::path& zip) {
     const std::string file = Quote(zip) + " >/dev/null 2>&1";
     return {qobtest::Run("unzip -t " + file), qobtest::Run("7z t " + file),
             qobtest::Run("bsdtar -tf " + file),
-            qobtest::Run(qobtest::Python() +
+            qobtest::Run(Python() +
                          " -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
                          "sys.exit(0 if z.testzip() is None else 3)' " +
                          file)};
@@ -39,12 +34,12 @@ protected:
 #ifdef _WIN32
         GTEST_SKIP() << "the tools are not reachable from Windows test programs";
 #else
-        for (const char* tool : {"unzip", "7z", "bsdtar", "zip"}) {
-            if (!Have(tool)) {
+        for (const std::string tool : {"unzip", "7z", "bsdtar", "zip"}) {
+            if (qobtest::Run("command -v " + tool + " >/dev/null 2>&1") != 0) {
                 GTEST_SKIP() << tool << " is not installed";
             }
         }
-        if (qobtest::Python().empty()) {
+        if (Python().empty()) {
             GTEST_SKIP() << "no Python";
         }
 #endif
@@ -54,12 +49,12 @@ protected:
         QOB::SetLogSink(nullptr, nullptr);
     }
 
-    qobtest::TempDir dir;
+    TempDir dir;
 };
 
 TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
     const auto path = dir / "ours.zip";
-    const std::string big = qobtest::RandomBytes(300000, 1);
+    const std::string big = RandomBytes(300000, 1);
     {
         QOB::Archive archive(path, false);
         archive.Insert(QOB::Path("Settings/a.xml"), Bytes("<a/>"), 4, 16384);
@@ -77,7 +72,7 @@ TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
     }
     EXPECT_EQ(Verdicts(path), accepted);
     EXPECT_EQ(qobtest::Run("unzip -p " + Quote(path) + " raw/big.bin > " + Quote(dir / "big")), 0);
-    EXPECT_TRUE(qobtest::ReadFile(dir / "big") == big);
+    EXPECT_TRUE(ReadFile(dir / "big") == big);
 }
 
 // The content size field of a padded entry is a raw number, not a tagged extra block. From
@@ -85,7 +80,7 @@ TEST_F(ArchiveInteropTest, OtherToolsAcceptOurArchives) {
 // the field, which the tools report as a malformed extra field. We read the entry anyway.
 TEST_F(ArchiveInteropTest, PaddedEntryOf64KiBOrMore) {
     const auto path = dir / "large.zip";
-    const std::string content = qobtest::RandomBytes(70000, 2);
+    const std::string content = RandomBytes(70000, 2);
     {
         QOB::Archive archive(path, false);
         archive.Insert(QOB::Path("large.bin"), Bytes(content), content.size(), 100);
@@ -106,11 +101,11 @@ TEST_F(ArchiveInteropTest, ReadsArchivesOfOtherTools) {
     std::filesystem::create_directories(source / "sub");
     const std::map<std::string, std::string> files = {
         {"text.txt", std::string(50000, 'a') + "end"},
-        {"sub/random.bin", qobtest::RandomBytes(100000, 3)},
+        {"sub/random.bin", RandomBytes(100000, 3)},
         {"sub/empty", ""},
     };
     for (const auto& [name, content] : files) {
-        qobtest::WriteFile(source / name, content);
+        WriteFile(source / name, content);
     }
     const std::string script = R"(
 import io, os, sys, zipfile
@@ -120,6 +115,7 @@ for label, method in (("stored", zipfile.ZIP_STORED), ("deflated", zipfile.ZIP_D
     with zipfile.ZipFile(os.path.join(out, label + ".zip"), "w", method) as z:
         for n in names:
             z.write(os.path.join(src, n), n)
+        z.comment = b"PK\x05\x06 looks like an end record"
 class Unseekable(io.RawIOBase):
     def __init__(self, f): self.f = f
     def writable(self): return True
@@ -130,8 +126,8 @@ with open(os.path.join(out, "descriptor.zip"), "wb") as f:
             with open(os.path.join(src, n), "rb") as s, z.open(n, "w") as d:
                 d.write(s.read())
 )";
-    qobtest::WriteFile(dir / "make.py", script);
-    ASSERT_EQ(qobtest::Run(qobtest::Python() + " " + Quote(dir / "make.py") + " " + Quote(source) +
+    WriteFile(dir / "make.py", script);
+    ASSERT_EQ(qobtest::Run(Python() + " " + Quote(dir / "make.py") + " " + Quote(source) +
                            " " + Quote(dir.path())),
               0);
     const std::string names = " text.txt sub/random.bin sub/empty >/dev/null 2>&1";
@@ -152,8 +148,6 @@ with open(os.path.join(out, "descriptor.zip"), "wb") as f:
             EXPECT_EQ(entry.content_size, expected.size());
             EXPECT_TRUE(Text(archive.Read(QOB::Path(entry.path))) == expected) << entry.path;
         }
-        archive.Extract(QOB::Path("sub/random.bin"), dir / "out" / archiveName, true);
-        EXPECT_TRUE(qobtest::ReadFile(dir / "out" / archiveName) == files.at("sub/random.bin"));
     }
 }
 

