@@ -36,15 +36,15 @@ std::pair<QobErrorCode_e, std::set<std::string>> Extract(const fs::path& root,
 TEST(ExtractHostile, EscapingEntryNamesWriteNothing) {
     const EntrySpec good{"Quillmarsh/Settings1680/good.txt", "good"};
     // A backslash is a separator inside a package, so "..\\" climbs as well.
-    for (const char* name : {"../evil.txt", "a/../../evil2.txt", "..\\evil3.txt",
-                             "a/b/../../../evil4.txt"}) {
+    for (const char* name :
+         {"../evil.txt", "a/../../evil2.txt", "..\\evil3.txt", "a/b/../../../evil4.txt"}) {
         for (const bool hostileFirst : {false, true}) {
             SCOPED_TRACE(std::string(name) + (hostileFirst ? " first" : " second"));
             qobtest::TempDir root;
             const EntrySpec evil{name, "evil"};
             qobtest::LogCapture log(&QOB::SetLogSink);
-            const auto [result, names] =
-                Extract(root.path(), hostileFirst ? std::vector{evil, good} : std::vector{good, evil});
+            const auto [result, names] = Extract(
+                root.path(), hostileFirst ? std::vector{evil, good} : std::vector{good, evil});
             EXPECT_EQ(result, INVALID_PARAMETER);
             EXPECT_TRUE(log.Contains("entry path escapes destination"));
             EXPECT_EQ(names, (std::set<std::string>{"p.qob", "work", "work/out"}));

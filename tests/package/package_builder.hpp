@@ -3,7 +3,6 @@
 #pragma once
 
 #include "archive/archive.hpp"
-#include "archive/path.hpp"
 
 #include <filesystem>
 #include <string>

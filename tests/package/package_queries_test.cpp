@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <memory>
 
 namespace {
@@ -27,57 +26,46 @@ struct Info {
     std::unique_ptr<QOB_PackageInfo> record;
 };
 
-std::string ReadAt(const std::filesystem::path& file, std::uint32_t offset, std::uint32_t size) {
-    std::ifstream in(file, std::ios::binary);
-    in.seekg(offset);
-    std::string bytes(size, '\0');
-    in.read(bytes.data(), size);
-    return bytes;
-}
-
 TEST(PackageQueries, FillsRecordsThatMatchTheArchive) {
     qobtest::TempDir dir;
     const auto file = dir / "full.qob";
-    const std::string s = "Quillmarsh/Settings1680/";
     BuildPackage(file, {{"IMG_1.CR3", std::string(5000, 'r')},
-                        {s + "IMG_1.CR3.xmp", "<xmp/>", 300},
-                        {s + "IMG_1.CR3.L1.lcc", "lcc-one", 10},
-                        {s + "first.lcc", "first"},
-                        {s + "second.lcc", "second"},
+                        {"Quillmarsh/Settings1680/IMG_1.CR3.xmp", "<xmp/>", 300},
+                        {"lcc/IMG_1.CR3.L1.lcc", "lcc-one", 10},
+                        {"lcc/first.lcc", "first"},
                         {"manifest.xml",
                          Manifest("1", "<File><RawPath>IMG_1.CR3</RawPath><SettingsPath>"
                                        "Quillmarsh\\Settings1680\\IMG_1.CR3.xmp</SettingsPath>"
                                        "<ProxyPath>p.jpg</ProxyPath><LCCs>"
-                                       "<LCCPath LccID=\"L1\">" + s + "IMG_1.CR3.L1.lcc</LCCPath>"
-                                       "<LCCPath LccID=\"dup\">" + s + "first.lcc</LCCPath>"
-                                       "<LCCPath LccID=\"dup\">" + s + "second.lcc</LCCPath>"
-                                       "</LCCs></File>"),
+                                       "<LCCPath LccID=\"L1\">lcc/IMG_1.CR3.L1.lcc</LCCPath>"
+                                       "<LCCPath LccID=\"dup\">lcc/first.lcc</LCCPath>"
+                                       "<LCCPath LccID=\"dup\">lcc/second.lcc</LCCPath></LCCs>"
+                                       "</File>"),
                          16384}});
     Info info;
     ASSERT_EQ(info.Read(file), SUCCESS);
     const QOB_ImageFiles& files = info.record->files;
+    const std::string bytes = qobtest::ReadFile(file);
     EXPECT_EQ(files.raw.uStoredSize, 5000u);
-    EXPECT_EQ(ReadAt(file, files.raw.uDataOffset, 5000), std::string(5000, 'r'));
+    EXPECT_EQ(bytes.substr(files.raw.uDataOffset, 5000), std::string(5000, 'r'));
     // Backslashes in a manifest path are stored as slashes.
-    EXPECT_EQ(files.settings.szPath, s + "IMG_1.CR3.xmp");
+    EXPECT_STREQ(files.settings.szPath, "Quillmarsh/Settings1680/IMG_1.CR3.xmp");
     EXPECT_EQ(files.settings.uStoredSize, 6u);
     EXPECT_EQ(files.settings.uReservedSpace, 300u);
-    EXPECT_EQ(ReadAt(file, files.settings.uDataOffset, 6), "<xmp/>");
+    EXPECT_EQ(bytes.substr(files.settings.uDataOffset, 6), "<xmp/>");
     EXPECT_NE(files.settings.uTime, 0u);
     // Named by the manifest but not in the zip: numbers stay zero.
     EXPECT_STREQ(files.proxy.szPath, "p.jpg");
     EXPECT_EQ(files.proxy.uStoredSize, 0u);
     ASSERT_EQ(files.uLccCount, 3u);
     EXPECT_STREQ(files.pLccs[0].szSecondPath, "IMG_1.CR3.L1.lcc");
-    EXPECT_EQ(ReadAt(file, files.pLccs[0].uDataOffset, 7), "lcc-one");
-    EXPECT_NE(std::strstr(info.record->szManifests[0], "<RawPath>IMG_1.CR3</RawPath>"), nullptr);
-    EXPECT_EQ(info.record->szManifests[1][0], '\0');
+    EXPECT_EQ(bytes.substr(files.pLccs[0].uDataOffset, 7), "lcc-one");
 
     // LCC look-up: exact and case-sensitive, the first of equal identifiers wins.
     QOB_EntryInfo entry;
     ASSERT_EQ(QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
     ASSERT_EQ(QOB_GetLensCastCalibInfo(file.string().c_str(), "dup", &entry), SUCCESS);
-    EXPECT_EQ(entry.szPath, s + "first.lcc");
+    EXPECT_STREQ(entry.szPath, "lcc/first.lcc");
     EXPECT_EQ(entry.uStoredSize, 5u);
     ASSERT_EQ(QOB_GetLensCastCalibInfo(file.string().c_str(), "L1", &entry), SUCCESS);
     EXPECT_EQ(entry.uReservedSpace, 10u);
@@ -107,31 +95,30 @@ TEST(PackageQueries, ManifestRules) {
         }
         return text;
     };
-    struct Case {
-        std::vector<qobtest::EntrySpec> entries;
-        QobErrorCode_e info, isQob;
-        const char* log;
+    const auto primary = [](const std::string& text) {
+        return std::vector<qobtest::EntrySpec>{{"manifest.xml", text}};
     };
+    struct Case {
+        QobErrorCode_e info, isQob;
+        std::vector<qobtest::EntrySpec> entries;
+        const char* log = nullptr;
+    };
+    constexpr auto kUnread = CANNOT_READ_FILE_PCK, kVersion = PACKAGEVERSION_NOT_SUPPORTED;
     const Case cases[] = {
-        {{{"manifest.xml", Manifest()}, {"manifest50.xml", "<Manifest><File>"}}, SUCCESS, SUCCESS,
-         nullptr}, // a malformed copy is ignored
-        {{{"manifest.xml", "<Manifest>\n  <File></Fil>"}}, CANNOT_READ_FILE_PCK, kAnyFailure,
-         "xml error at row=2 col="},
-        {{{"manifest1680.xml", Manifest()}}, CANNOT_READ_FILE_PCK, FILE_NOT_IN_PACKAGE,
-         "missing manifest"},
-        {{{"readme.txt", "hello"}}, CANNOT_READ_FILE_PCK, FILE_NOT_IN_PACKAGE, nullptr},
-        {{{"manifest.xml", Manifest("0")}}, SUCCESS, SUCCESS, nullptr},
-        {{{"manifest.xml", Manifest("x")}}, SUCCESS, SUCCESS, nullptr}, // no digits: 0
-        {{{"manifest.xml", Manifest("2")}}, PACKAGEVERSION_NOT_SUPPORTED,
-         PACKAGEVERSION_NOT_SUPPORTED, nullptr},
-        {{{"manifest.xml", Manifest("-1")}}, PACKAGEVERSION_NOT_SUPPORTED,
-         PACKAGEVERSION_NOT_SUPPORTED, nullptr},
-        {{{"manifest.xml", Manifest("1", files(10))}}, SUCCESS, SUCCESS, nullptr},
-        {{{"manifest.xml", Manifest("1", files(11))}}, FILE_COUNT_EXCEEDS_MAX, SUCCESS, nullptr},
-        {{{"manifest.xml", Manifest("1", files(0))}}, CANNOT_READ_FILE_PCK, SUCCESS, nullptr},
-        {{{"manifest.xml", padded(16383)}}, SUCCESS, SUCCESS, nullptr},
-        {{{"manifest.xml", padded(16384)}}, CANNOT_READ_FILE_PCK, SUCCESS,
-         "xml string too long: src=16384 dst=16384"},
+        // A malformed copy is ignored; a malformed primary fails with its row and column.
+        {SUCCESS, SUCCESS, {{"manifest.xml", Manifest()}, {"manifest50.xml", "<Manifest><File>"}}},
+        {kUnread, kAnyFailure, primary("<Manifest>\n  <File></Fil>"), "xml error at row=2 col="},
+        {kUnread, FILE_NOT_IN_PACKAGE, {{"manifest1680.xml", Manifest()}}, "missing manifest"},
+        {kUnread, FILE_NOT_IN_PACKAGE, {{"readme.txt", "hello"}}},
+        {SUCCESS, SUCCESS, primary(Manifest("0"))},
+        {SUCCESS, SUCCESS, primary(Manifest("x"))}, // no digits: 0
+        {kVersion, kVersion, primary(Manifest("2"))},
+        {kVersion, kVersion, primary(Manifest("-1"))},
+        {SUCCESS, SUCCESS, primary(Manifest("1", files(10)))},
+        {FILE_COUNT_EXCEEDS_MAX, SUCCESS, primary(Manifest("1", files(11)))},
+        {kUnread, SUCCESS, primary(Manifest("1", files(0)))},
+        {SUCCESS, SUCCESS, primary(padded(16383))},
+        {kUnread, SUCCESS, primary(padded(16384)), "xml string too long: src=16384 dst=16384"},
     };
     qobtest::TempDir dir;
     int n = 0;
