@@ -204,25 +204,14 @@ struct MemoryFile {
         };
         t.ztell_file = [](void*, void* s) { return static_cast<long>(Of(s).position); };
         t.zseek_file = [](void*, void* s, std::uint32_t offset, int origin) -> long {
-            MemoryFile& f = Of(s);
-            const std::int64_t base = origin == kSeekSet   ? 0
-                                      : origin == kSeekCur ? std::int64_t(f.position)
-                                                           : std::int64_t(f.data.size());
-            const std::int64_t target =
-                base + (origin == kSeekSet ? std::int64_t{offset}
-                                           : std::int64_t{static_cast<std::int32_t>(offset)});
-            if (target < 0) {
-                return -1;
-            }
-            f.position = static_cast<std::uint64_t>(target);
-            return 0;
+            MemoryFile& f = Of(s); // the zip layer seeks from the start and the end only
+            f.position = origin == kSeekSet ? offset : f.data.size() + std::int32_t(offset);
+            return f.position <= f.data.size() ? 0 : -1;
         };
         t.zerror_file = [](void*, void*) { return 0; };
         t.ztruncate_file = [](void*, void* s, std::uint32_t size) {
             MemoryFile& f = Of(s);
-            if (f.truncateResult == 0) {
-                f.data.resize(size);
-            }
+            f.data.resize(f.truncateResult == 0 ? size : f.data.size());
             return f.truncateResult;
         };
         cache.stream = this;

@@ -25,7 +25,6 @@ TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
     ASSERT_NE(stream, nullptr);
     cache.stream = stream;
     const zlib_filefunc_def table = BufferedFileFunctions(&cache);
-    EXPECT_EQ(table.zopen_file(table.opaque, "name", 7), nullptr);
     ASSERT_EQ(table.zopen_file(table.opaque, nullptr, 7), stream);
 
     std::vector<char> out(2000);
@@ -48,7 +47,6 @@ TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
     // 4092 of 4096 used: the 4 unread bytes are skipped, the next block starts at 4096.
     ASSERT_EQ(read(30), 30u);
     EXPECT_TRUE(same(4096, 30));
-    EXPECT_EQ(cache.start, 4096u);
     EXPECT_EQ(tell(), 4126);
 
     // 1024 bytes bypass the cache, after skipping what is left of the block.
@@ -66,7 +64,6 @@ TEST(ZipHandleTest, ReadCacheRefillsAndSkipsUnreadBytes) {
     EXPECT_TRUE(same(19990, 10));
     ASSERT_EQ(read(5), 0u);
 
-    EXPECT_EQ(table.zclose_file(table.opaque, stream), 0); // leaves the stream open
     EXPECT_EQ(cache.raw.zclose_file(nullptr, stream), 0);
     EXPECT_EQ(ReadFile(dir / "f").substr(13312, 4), "WXYZ");
 }
@@ -120,19 +117,6 @@ TEST(ZipHandleTest, ReadOnlyFileIsReadThenRefusedAtTheWriter) {
               }),
               0);
     EXPECT_TRUE(ReadFile(path) == before);
-}
-
-TEST(ZipHandleTest, WarnsAboveFourGigabytes) {
-    TempDir dir;
-    const auto path = dir / "big.zip";
-    for (const std::uintmax_t size : {std::uintmax_t{0xFFFFFFFF}, std::uintmax_t{0x100000000}}) {
-        WriteFile(path, "");
-        std::filesystem::resize_file(path, size); // sparse
-        LogCapture log(&QOB::SetLogSink);
-        EXPECT_LT(CodeOf([&] { Handle h(path, true); }), 0); // zeros are no zip
-        EXPECT_EQ(log.Count("archive requires 64-bit ZIP support: \"" + path.string() + "\""),
-                  size > 0xFFFFFFFF ? 1u : 0u);
-    }
 }
 
 } // namespace
