@@ -82,15 +82,6 @@ TEST(CallFrame, RemoveEntryNamesTheNullArgument) {
         log.Contains("QOB_RemoveEntry: [INVALID_POINTER] argument szFilePathInPackage is null"));
 }
 
-TEST(CallFrame, SuccessfulCallLogsExecutedFor) {
-    QOB_EntryInfo entry;
-    LogCapture log(&QOB_SetLogFn);
-    ASSERT_EQ(QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
-    ASSERT_EQ(log.lines.size(), 4u);
-    ExpectTiming(log.lines[3], "executed for", "QOB_Constructor");
-    EXPECT_EQ(log.lines[3].level, 5);
-}
-
 // A sink that sleeps inside the locked section makes the call slow without touching a file.
 void SlowSink(int level, const char* text, void* user) {
     static_cast<LogCapture*>(user)->lines.push_back({level, text});
