@@ -16,6 +16,8 @@
 #include "support/utf8_path.hpp"
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace QOB {
 namespace {
@@ -43,19 +45,27 @@ PackageInfoPtr ConvertPackingInfo(const QOB_CreateArgs& args) {
     return info;
 }
 
-// Adds source under its internal name and records that name in target. False when the
+// One file to add and its name inside the package. Every name is formed and checked, and
+// every manifest generated, before the package file exists: a name the package could not
+// hold, or a manifest that would not fit, stops the call before anything is written.
+struct PlannedFile {
+    const QOB_EntryInfo* source;
+    std::string entryPath;
+};
+
+// Plans source under its internal name and records that name in target. False when the
 // source has no content to add (no such file, empty buffer).
-bool AddToPackage(Archive& archive, const QOB_EntryInfo& source, QOB_EntryInfo& target,
-                  EntryKind kind, std::string_view base) {
+bool Plan(std::vector<PlannedFile>& plan, const QOB_EntryInfo& source, QOB_EntryInfo& target,
+          EntryKind kind, std::string_view base) {
     if (ValidateData(source) != SUCCESS) {
         target.szPath[0] = '\0'; // the manifests must not name a file the package lacks
         return false;
     }
-    const std::string entryPath = InternalEntryPath(source, kind, base);
+    std::string entryPath = InternalEntryPath(source, kind, base);
     if (!CopyToField(target.szPath, entryPath.c_str())) {
         throw Exception(INVALID_PARAMETER, "entryPath too long");
     }
-    AddFileToPackage(archive, source, Path(entryPath));
+    plan.push_back({&source, std::move(entryPath)});
     return true;
 }
 
@@ -68,27 +78,32 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     }
     RequireValid(*args);
     PackageInfoPtr info = ConvertPackingInfo(*args);
-    Archive archive(PathFromUtf8(args->szPackagePath), false);
 
     const QOB_ImageFiles& from = args->files;
     QOB_ImageFiles& to = info->files;
     const std::string base(ImageBaseName(from.raw));
-    if (!AddToPackage(archive, from.raw, to.raw, EntryKind::Raw, base)) {
+    std::vector<PlannedFile> plan;
+    if (!Plan(plan, from.raw, to.raw, EntryKind::Raw, base)) {
         throw Exception(FILE_NOT_FOUND, "failed to add raw image to package");
     }
     // Every companion is optional: one that is absent is skipped.
-    AddToPackage(archive, from.proxy, to.proxy, EntryKind::Proxy, base);
-    AddToPackage(archive, from.settings, to.settings, EntryKind::Settings, base);
+    Plan(plan, from.proxy, to.proxy, EntryKind::Proxy, base);
+    Plan(plan, from.settings, to.settings, EntryKind::Settings, base);
     for (std::uint32_t i = 0; i < from.uLccCount; ++i) {
-        AddToPackage(archive, from.pLccs[i], to.pLccs[i], EntryKind::Lcc, base);
+        Plan(plan, from.pLccs[i], to.pLccs[i], EntryKind::Lcc, base);
     }
     for (std::uint32_t i = 0; i < from.uIccCount; ++i) {
-        AddToPackage(archive, from.pIccs[i], to.pIccs[i], EntryKind::Icc, base);
+        Plan(plan, from.pIccs[i], to.pIccs[i], EntryKind::Icc, base);
     }
-    AddToPackage(archive, from.mask, to.mask, EntryKind::Mask, base);
-    AddToPackage(archive, from.hair, to.hair, EntryKind::Hair, base);
+    Plan(plan, from.mask, to.mask, EntryKind::Mask, base);
+    Plan(plan, from.hair, to.hair, EntryKind::Hair, base);
 
     GenerateManifestInMem(info.get());
+
+    Archive archive(PathFromUtf8(args->szPackagePath), false);
+    for (const PlannedFile& file : plan) {
+        AddFileToPackage(archive, *file.source, Path(file.entryPath));
+    }
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         PutManifestInZip(archive, ManifestText(*info, row), kManifestNames[row], true);
     }

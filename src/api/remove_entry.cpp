@@ -14,8 +14,6 @@
 #include "support/log.hpp"
 #include "support/utf8_path.hpp"
 
-#include <cstring>
-
 namespace QOB {
 
 void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFilePathInPackage) {
@@ -27,9 +25,12 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
         throw Exception(INVALID_POINTER, "argument szFilePathInPackage is null");
     }
     Archive archive(PathFromUtf8(szPackageFullPath), true);
-    archive.Remove(Path(szFilePathInPackage));
+    // The manifests name entries as the zip stores them, so references are matched by the
+    // stored spelling ("a\\b" and "a/b" are one entry).
+    const Path entry(szFilePathInPackage);
+    archive.Remove(entry);
     // Only this one manifest name ends the call here; other manifests are ordinary entries.
-    if (std::strcmp(szFilePathInPackage, kManifestNames[kLastManifestRow]) == 0) {
+    if (entry.Sanitized() == kManifestNames[kLastManifestRow]) {
         return;
     }
 
@@ -41,7 +42,7 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
     GenerateManifestInMem(info.get());
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         char* text = ManifestText(*info, row);
-        if (DeleteFileFromManifest(text, szFilePathInPackage) != SUCCESS) {
+        if (DeleteFileFromManifest(text, entry.CStr()) != SUCCESS) {
             LogWarn(
                 Format("QOB_RemoveEntry: failed to delete manifest \"%s\"", kManifestNames[row]));
             continue;

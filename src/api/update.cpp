@@ -6,6 +6,7 @@
 #include "archive/archive.hpp"
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
+#include "package/current_info.hpp"
 #include "package/entry_list.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
@@ -15,31 +16,52 @@
 #include "support/utf8_path.hpp"
 
 #include <string>
+#include <vector>
 
 namespace QOB {
 namespace {
 
-struct UpdateContext {
-    Archive& archive;
-    std::string base;
+// One companion of the new file set that has content, with its name inside the package.
+// Slot is its place in the working description: the single entry of its kind, or for a
+// profile its index among the new ones.
+struct Step {
+    const QOB_EntryInfo* incoming;
+    EntryKind kind;
+    std::uint32_t slot;
+    bool compact;
+    std::string entryPath;
 };
 
-// One companion: an absent new file leaves the package's file of that kind as it was.
-void UpdateEntry(const UpdateContext& context, QOB_EntryInfo& current,
-                 const QOB_EntryInfo& incoming, EntryKind kind, bool listItem, bool compact) {
+// Names every companion before anything is written, so that a name the package could not
+// hold refuses the whole call. An absent new file leaves the package's file of that kind as
+// it was.
+void Plan(std::vector<Step>& steps, const QOB_EntryInfo& incoming, EntryKind kind,
+          std::string_view base, std::uint32_t slot = 0, bool compact = false) {
     if (ValidateData(incoming) != SUCCESS) {
         return;
     }
-    const std::string entryPath = InternalEntryPath(incoming, kind, context.base);
-    if (!CopyToField(current.szPath, entryPath.c_str())) {
-        throw Exception(INVALID_PARAMETER, "entryPath too long");
+    steps.push_back({&incoming, kind, slot, compact, InternalEntryPath(incoming, kind, base)});
+}
+
+QOB_EntryInfo& Slot(QOB_ImageFiles& current, const Step& step, std::uint32_t oldLccs,
+                    std::uint32_t oldIccs) {
+    switch (step.kind) {
+    case EntryKind::Proxy:
+        return current.proxy;
+    case EntryKind::Settings:
+        return current.settings;
+    case EntryKind::Lcc:
+        return current.pLccs[oldLccs + step.slot];
+    case EntryKind::Icc:
+        return current.pIccs[oldIccs + step.slot];
+    case EntryKind::Mask:
+        return current.mask;
+    case EntryKind::Hair:
+        return current.hair;
+    case EntryKind::Raw:
+        break;
     }
-    if (listItem && !CopyToField(current.szIdentifier, incoming.szIdentifier)) {
-        throw Exception(INVALID_PARAMETER, "fileIdSrc too long");
-    }
-    // The new entry is the source, and its reserved space is what the host asks to keep
-    // behind the content if the entry has to be inserted again (masks shrink back this way).
-    UpdateFileInPackage(context.archive, incoming, Path(entryPath), compact);
+    throw Exception(INTERNAL_INCONSISTENCY, "invalid entry type");
 }
 
 // Appends count zeroed slots to a list of the working description; returns the list. The
@@ -63,30 +85,55 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
     }
     RequireValid(*args);
     Archive archive(PathFromUtf8(args->szPackagePath), true);
-    const UpdateContext context{archive, std::string(ImageBaseName(args->info.files.raw))};
-
+    // Optimistic concurrency: a description read before another call changed the package
+    // (or one of another package, or one never read) would write manifests that disagree
+    // with the zip. Refused before anything is written; the host reads again and retries.
+    if (!DescribesPackage(archive, args->info)) {
+        throw Exception(INVALID_PARAMETER,
+                        "current info does not describe the package as it is now: read the "
+                        "package again with QOB_GetPackageInfo");
+    }
+    const std::string base(ImageBaseName(args->info.files.raw));
     QOB_ImageFiles& current = args->info.files;
     const QOB_ImageFiles& incoming = args->files;
+
+    // Fixed order: proxy, settings, each new LCC, each new ICC, then the masks, which give
+    // space back when they shrink a lot.
+    std::vector<Step> steps;
+    Plan(steps, incoming.proxy, EntryKind::Proxy, base);
+    Plan(steps, incoming.settings, EntryKind::Settings, base);
+    for (std::uint32_t i = 0; i < incoming.uLccCount; ++i) {
+        Plan(steps, incoming.pLccs[i], EntryKind::Lcc, base, i);
+    }
+    for (std::uint32_t i = 0; i < incoming.uIccCount; ++i) {
+        Plan(steps, incoming.pIccs[i], EntryKind::Icc, base, i);
+    }
+    Plan(steps, incoming.mask, EntryKind::Mask, base, 0, true);
+    Plan(steps, incoming.hair, EntryKind::Hair, base, 0, true);
+
     const std::uint32_t oldLccs = current.uLccCount;
     const std::uint32_t oldIccs = current.uIccCount;
     current.pLccs = GrowList(current.uLccCount, current.pLccs, incoming.uLccCount);
     current.pIccs = GrowList(current.uIccCount, current.pIccs, incoming.uIccCount);
-
-    UpdateEntry(context, current.proxy, incoming.proxy, EntryKind::Proxy, false, false);
-    UpdateEntry(context, current.settings, incoming.settings, EntryKind::Settings, false, false);
-    for (std::uint32_t i = 0; i < incoming.uLccCount; ++i) {
-        UpdateEntry(context, current.pLccs[oldLccs + i], incoming.pLccs[i], EntryKind::Lcc, true,
-                    false);
+    for (const Step& step : steps) {
+        QOB_EntryInfo& slot = Slot(current, step, oldLccs, oldIccs);
+        if (!CopyToField(slot.szPath, step.entryPath.c_str())) {
+            throw Exception(INVALID_PARAMETER, "entryPath too long");
+        }
+        const bool profile = step.kind == EntryKind::Lcc || step.kind == EntryKind::Icc;
+        if (profile && !CopyToField(slot.szIdentifier, step.incoming->szIdentifier)) {
+            throw Exception(INVALID_PARAMETER, "fileIdSrc too long");
+        }
     }
-    for (std::uint32_t i = 0; i < incoming.uIccCount; ++i) {
-        UpdateEntry(context, current.pIccs[oldIccs + i], incoming.pIccs[i], EntryKind::Icc, true,
-                    false);
-    }
-    // Masks give space back when they shrink a lot; the others keep theirs.
-    UpdateEntry(context, current.mask, incoming.mask, EntryKind::Mask, false, true);
-    UpdateEntry(context, current.hair, incoming.hair, EntryKind::Hair, false, true);
-
+    // Every manifest is generated before the first byte is written, so a manifest that
+    // would not fit stops the call with the package untouched.
     GenerateManifestInMem(&args->info);
+
+    for (const Step& step : steps) {
+        // The new entry is the source, and its reserved space is what the host asks to keep
+        // behind the content if the entry has to be inserted again (masks shrink this way).
+        UpdateFileInPackage(archive, *step.incoming, Path(step.entryPath), step.compact);
+    }
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         PutManifestInZip(archive, ManifestText(args->info, row), kManifestNames[row], false);
     }

@@ -115,6 +115,12 @@ void* Handle::Unzip() {
     if (std::holds_alternative<ZipOpenState>(state_)) {
         ZipClose();
     }
+    if (std::holds_alternative<std::monostate>(state_) && !exists_) {
+        // A new archive that nothing was written to yet reads as an empty zip: writing its
+        // (empty) directory makes it one, so a lookup answers "not there".
+        ZipOpen();
+        ZipClose();
+    }
     if (std::holds_alternative<std::monostate>(state_)) {
         UnzipOpen();
     }

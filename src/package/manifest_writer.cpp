@@ -32,8 +32,15 @@ void SetChildText(Xml::Node parent, std::string_view name, std::string_view text
     FindOrAppend(parent, name).SetText(text);
 }
 
+// The directory followed by the entry's internal name. A path already inside the directory
+// is the stored entry name itself and stays whole: an internal name may hold separators (an
+// identifier such as "f/2.8"), so its file-name part alone would name another entry.
 std::string InPackage(std::string_view prefix, const char* path) {
-    return std::string(prefix).append(FileNamePart(path));
+    const std::string_view text(path);
+    if (text.size() > prefix.size() && text.starts_with(prefix)) {
+        return std::string(text);
+    }
+    return std::string(prefix).append(FileNamePart(text));
 }
 
 void WriteProfiles(Xml::Node file, std::string_view containerName, std::string_view itemName,

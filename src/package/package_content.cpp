@@ -113,6 +113,21 @@ void WriteFromFile(Archive& archive, const Path& path, const std::filesystem::pa
     archive.Flush();
 }
 
+// Writes entry's content (its file or its buffer, by ePackingType) under path.
+void WriteEntry(Archive& archive, const QOB_EntryInfo& entry, const Path& path, bool compact) {
+    switch (entry.ePackingType) {
+    case QOB_PACK_FROM_MEMORY:
+        WriteFromMemory(archive, path, static_cast<const std::byte*>(entry.pBuffer),
+                        entry.uBufferLength, compact, entry.uReservedSpace);
+        return;
+    case QOB_PACK_FROM_FILE:
+        WriteFromFile(archive, path, SourcePath(entry), compact, entry.uReservedSpace);
+        return;
+    default:
+        throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
+    }
+}
+
 } // namespace
 
 void UpdateEntryFromMemory(Archive& archive, const Path& path, const std::byte* content,
@@ -130,35 +145,15 @@ void UpdateEntryFromFile(Archive& archive, const Path& path, const std::filesyst
 void UpdateFileInPackage(Archive& archive, const QOB_EntryInfo& entry, const Path& path,
                          bool compact) {
     QOB_FAILURE_TRAIL("in UpdateFileInPackage");
-    switch (entry.ePackingType) {
-    case QOB_PACK_FROM_MEMORY:
-        WriteFromMemory(archive, path, static_cast<const std::byte*>(entry.pBuffer),
-                        entry.uBufferLength, compact, entry.uReservedSpace);
-        return;
-    case QOB_PACK_FROM_FILE:
-        WriteFromFile(archive, path, SourcePath(entry), compact, entry.uReservedSpace);
-        return;
-    default:
-        throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
-    }
+    WriteEntry(archive, entry, path, compact);
 }
 
 void AddFileToPackage(Archive& archive, const QOB_EntryInfo& entry, const Path& path) {
     QOB_FAILURE_TRAIL("in AddFileToPackage");
-    // A new file in a package being built: nothing to compare with, so it is inserted
-    // straight away (a package being created holds no zip directory to look things up in).
-    switch (entry.ePackingType) {
-    case QOB_PACK_FROM_MEMORY:
-        archive.Insert(path, static_cast<const std::byte*>(entry.pBuffer), entry.uBufferLength,
-                       entry.uReservedSpace);
-        break;
-    case QOB_PACK_FROM_FILE:
-        archive.Insert(path, SourcePath(entry), entry.uReservedSpace);
-        break;
-    default:
-        throw Exception(INVALID_PARAMETER, "invalid QOB_CreateMode in ePackingType");
-    }
-    archive.Flush();
+    // The same steps as an update: a second file that takes an existing name (a settings
+    // file and a mask with the same extension, two profiles with one identifier) replaces
+    // that entry instead of storing a duplicate that no lookup could tell apart.
+    WriteEntry(archive, entry, path, false);
 }
 
 } // namespace QOB

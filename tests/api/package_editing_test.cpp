@@ -1,5 +1,5 @@
 // Create, update, extract and remove through the exports only, as a host uses them.
-#include "common/test_files.hpp"
+#include "api/package_host.hpp"
 
 #include <gtest/gtest.h>
 
@@ -11,46 +11,13 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qobtest::ExpectConsistent;
+using qobtest::FileEntry;
+using qobtest::Info;
 using qobtest::LogCapture;
+using qobtest::MemoryEntry;
 using qobtest::ReadFile;
 using qobtest::WriteFile;
-
-QOB_EntryInfo FileEntry(const fs::path& path, std::uint32_t reserve = 0, const char* id = "") {
-    QOB_EntryInfo entry{};
-    std::strcpy(entry.szPath, path.string().c_str());
-    std::strcpy(entry.szIdentifier, id);
-    entry.uReservedSpace = reserve;
-    entry.ePackingType = QOB_PACK_FROM_FILE;
-    return entry;
-}
-
-QOB_EntryInfo MemoryEntry(const char* name, const std::string& bytes, std::uint32_t reserve = 0,
-                          const char* id = "") {
-    QOB_EntryInfo entry{};
-    std::strcpy(entry.szPath, name);
-    std::strcpy(entry.szIdentifier, id);
-    entry.uReservedSpace = reserve;
-    entry.ePackingType = QOB_PACK_FROM_MEMORY;
-    entry.pBuffer = bytes.data();
-    entry.uBufferLength = static_cast<std::uint32_t>(bytes.size());
-    entry.uStoredSize = entry.uBufferLength;
-    return entry;
-}
-
-struct Info {
-    Info() : record(std::make_unique<QOB_PackageInfo>()) {
-        EXPECT_EQ(QOB_Constructor(record.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
-    }
-    ~Info() { QOB_Destructor(record.get(), QOB_OBJECT_PACKAGE_INFO); }
-    QobErrorCode_e Read(const fs::path& file) {
-        QOB_Destructor(record.get(), QOB_OBJECT_PACKAGE_INFO);
-        QOB_Constructor(record.get(), QOB_OBJECT_PACKAGE_INFO);
-        std::strcpy(record->szPackagePath, file.string().c_str());
-        return QOB_GetPackageInfo(record.get());
-    }
-    QOB_ImageFiles& files() { return record->files; }
-    std::unique_ptr<QOB_PackageInfo> record;
-};
 
 // Data offset of every file the manifest names, by path.
 std::map<std::string, std::uint32_t> Offsets(Info& info) {
@@ -73,8 +40,10 @@ std::map<std::string, std::uint32_t> Offsets(Info& info) {
     return offsets;
 }
 
-// Every package we write must satisfy the common zip tools (where they are installed).
+// Every package we write must be consistent and satisfy the common zip tools (where they
+// are installed).
 void ExpectToolsAccept(const fs::path& package) {
+    ExpectConsistent(package);
 #if defined(_WIN32)
     (void)package;
 #else
