@@ -18,6 +18,7 @@ using namespace qobtest;
 
 const std::string kRaw = RandomBytes(5000, 7);
 const std::string kBytes = "companion bytes";
+const std::string kProfile = "profile!!";
 
 struct CreateCase {
     const char* name;
@@ -61,8 +62,8 @@ TEST(PackageConsistency, CreateRefusesWhatItCouldNotReadBack) {
         // The raw image's name may be longer than a Windows path allows: it comes from memory.
         args->files.raw = MemoryEntry(c.raw.c_str(), kRaw);
         args->files.settings = MemoryEntry("settings.xmp", kBytes, 100);
-        QOB_EntryInfo lcc = MemoryEntry("p.lcc", "lcc bytes", 0, c.lccId.c_str());
-        QOB_EntryInfo icc = MemoryEntry("p.icc", "icc bytes", 0, c.iccId.c_str());
+        QOB_EntryInfo lcc = MemoryEntry("p.lcc", kProfile, 0, c.lccId.c_str());
+        QOB_EntryInfo icc = MemoryEntry("p.icc", kProfile, 0, c.iccId.c_str());
         if (!c.lccId.empty()) {
             args->files.uLccCount = 1;
             args->files.pLccs = &lcc;
@@ -90,7 +91,7 @@ TEST(PackageConsistency, CreateRefusesWhatItCouldNotReadBack) {
             QOB_Constructor(&found, QOB_OBJECT_ENTRY_INFO);
             ASSERT_EQ(QOB_GetLensCastCalibInfo(package.string().c_str(), c.lccId.c_str(), &found),
                       SUCCESS);
-            EXPECT_EQ(found.uStoredSize, 9u);
+            EXPECT_EQ(found.uStoredSize, kProfile.size());
         }
         if (c.collide) {
             EXPECT_STREQ(info.files().settings.szPath, info.files().mask.szPath);
