@@ -29,6 +29,15 @@ libdir=$(dirname "$(dirname "$pc")")
 answer=$("$prefix/bin/qob" check "$work/absent.qob" || true)
 [[ $answer == *PACKAGE_NOT_FOUND* ]] || fail "installed qob: $answer"
 
+echo "--- cpack"
+(cd "$build" && cpack -G TGZ -B "$work/pack" >/dev/null) || fail "cpack failed"
+tarball=$(find "$work/pack" -maxdepth 1 -name 'qob-*.tar.gz')
+[[ -n $tarball ]] || fail "no .tar.gz"
+listing=$(tar -tzf "$tarball")
+for file in include/qob/qob.h lib/libqob.so lib/cmake/qob/qobConfig.cmake bin/qob; do
+  grep -q "^\(\./\)\?$file\$" <<<"$listing" || fail "$file missing from the .tar.gz: $listing"
+done
+
 echo "--- find_package(qob)"
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >/dev/null
