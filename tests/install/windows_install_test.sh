@@ -47,5 +47,5 @@ cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" 
 cmake --build "$work/cmake-build" >/dev/null
 cp "$prefix/bin/qob.dll" "$work/cmake-build/"
 output=$(cd "$work/cmake-build" && "$wine_run" ./consumer.exe .) || fail "consumer failed: $output"
-tail -n 1 <<<"$output"
+echo "$output"
 [[ $output == *"consumer: wrote"* ]] || fail "consumer: $output"
