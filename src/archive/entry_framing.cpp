@@ -124,10 +124,10 @@ void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
             CheckUnzipResult(count);
             throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
         }
-        if (count == 0) {
+        if (count == 0 && done == 0) {
             throw Exception(INTERNAL_INCONSISTENCY, "end of entry reached");
         }
-        if (static_cast<std::uint32_t>(count) < round) {
+        if (static_cast<std::uint32_t>(count) < round) { // some bytes came, not all
             throw Exception(INTERNAL_INCONSISTENCY, "partial read");
         }
         done += round;
