@@ -158,11 +158,33 @@ QOB_API QobErrorCode_e QOB_Destructor(void* record, QOB_ObjectType type);
 
 #ifdef __cplusplus
 } /* extern "C" */
-
-/* Exported with C++ linkage, so under a decorated name that carries its argument types.
- * A null fn restores the built-in sink that prints to standard output. */
-QOB_API void QOB_SetLogFn(QobLogFn fn, void* user);
 #endif
+
+/* Installs the host's log sink; a null fn restores the built-in sink that prints to standard
+ * output. Exported with C++ linkage, under a decorated name that carries its argument types:
+ * on Windows the name MSVC gives it, on Linux the Itanium one. C++ compilers produce their own
+ * decoration; MinGW's import library maps its (Itanium) decoration to the DLL's MSVC name. C
+ * hosts are led to the same export: through the linker under MSVC, an assembler label under
+ * GCC and clang. */
+#define QOB_SETLOGFN_MSVC_NAME "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z"
+#define QOB_SETLOGFN_ITANIUM_NAME "_Z12QOB_SetLogFnPFviPKcPvES1_"
+#if defined(_WIN32) && defined(QOB_BUILDING_LIBRARY)
+#define QOB_SETLOGFN_API /* the DLL exports it through its .def file, under the MSVC name */
+#else
+#define QOB_SETLOGFN_API QOB_API
+#endif
+/* clang-format off */
+#if defined(__cplusplus)
+QOB_SETLOGFN_API void QOB_SetLogFn(QobLogFn fn, void* user);
+#elif defined(_MSC_VER)
+#pragma comment(linker, "/alternatename:__imp_QOB_SetLogFn=__imp_?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")
+#pragma comment(linker, "/alternatename:QOB_SetLogFn=?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")
+QOB_SETLOGFN_API void QOB_SetLogFn(QobLogFn fn, void* user);
+#else
+QOB_SETLOGFN_API void QOB_SetLogFn(QobLogFn fn, void* user) __asm__("_Z12QOB_SetLogFnPFviPKcPvES1_");
+#endif
+/* clang-format on */
+#undef QOB_SETLOGFN_API
 
 /* The record layout is ABI: pin every size and offset. */
 #ifdef __cplusplus

@@ -50,7 +50,8 @@ QOB_API QobErrorCode_e QOB_Destructor(void* record, QOB_ObjectType type) {
 
 } // extern "C"
 
-QOB_API void QOB_SetLogFn(QobLogFn fn, void* user) {
+// On Windows qob.def exports it under the name MSVC gives it.
+void QOB_SetLogFn(QobLogFn fn, void* user) {
     try {
         QOB::SetLogSink(fn, user);
     } catch (...) {

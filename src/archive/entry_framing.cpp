@@ -24,6 +24,8 @@ constexpr int kNoCompressionLevel = 0;
 constexpr int kRawDeflateWindowBits = -15;
 constexpr int kDefaultMemLevel = 8;
 constexpr int kDefaultStrategy = 0;
+// The most one zip-layer read call is asked for.
+constexpr std::uint64_t kReadRound = std::uint64_t{1} << 30;
 
 std::uint32_t DosDateTime(const std::tm& time) {
     auto year = static_cast<std::uint32_t>(time.tm_year);
@@ -114,19 +116,22 @@ void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
     const std::string trail = Format("in TryRead length=%zu", static_cast<std::size_t>(length));
     QOB_FAILURE_TRAIL(trail);
 
-    const int count = unzReadCurrentFile(unzip, buffer, static_cast<std::uint32_t>(length));
-    if (count >= 0 && static_cast<std::uint64_t>(count) == length) {
-        return;
+    // The zip layer hands its count back in an int: larger entries come in rounds.
+    for (std::uint64_t done = 0; done < length;) {
+        const auto round = static_cast<std::uint32_t>(std::min(length - done, kReadRound));
+        const int count = unzReadCurrentFile(unzip, buffer + done, round);
+        if (count < 0) {
+            CheckUnzipResult(count);
+            throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
+        }
+        if (count == 0 && done == 0) {
+            throw Exception(INTERNAL_INCONSISTENCY, "end of entry reached");
+        }
+        if (static_cast<std::uint32_t>(count) < round) { // some bytes came, not all
+            throw Exception(INTERNAL_INCONSISTENCY, "partial read");
+        }
+        done += round;
     }
-    if (count == 0) {
-        throw Exception(INTERNAL_INCONSISTENCY, "end of entry reached");
-    }
-    if (count < 0) {
-        CheckUnzipResult(count);
-    } else if (static_cast<std::uint64_t>(count) < length) {
-        throw Exception(INTERNAL_INCONSISTENCY, "partial read");
-    }
-    throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
 }
 
 void ReadEnd(void* unzip, const Entry& entry) {

@@ -31,11 +31,11 @@ bool Refill(ReadCache& cache) noexcept {
     if (!Discard(cache)) {
         return false;
     }
-    const long position = cache.raw.ztell_file(cache.raw.opaque, cache.stream);
-    if (position < 0) {
+    const auto position = PositionFromTell(cache.raw.ztell_file(cache.raw.opaque, cache.stream));
+    if (!position) {
         return false;
     }
-    cache.start = static_cast<std::uint32_t>(position);
+    cache.start = *position;
     try {
         cache.bytes.resize(kReadCacheBlock);
     } catch (const std::bad_alloc&) {
@@ -94,7 +94,8 @@ long Tell(void* opaque, void* /*stream*/) {
     if (cache->used >= cache->bytes.size()) {
         return cache->raw.ztell_file(cache->raw.opaque, cache->stream);
     }
-    return static_cast<long>(cache->start) + static_cast<long>(cache->used);
+    // Computed unsigned: a 32-bit long takes positions from 2 GiB up as negative values.
+    return static_cast<long>(cache->start + cache->used);
 }
 
 long Seek(void* opaque, void* /*stream*/, std::uint32_t offset, int origin) {

@@ -156,14 +156,18 @@ long FileTell(FileStream* stream) noexcept {
     if (stream == nullptr) {
         return -1;
     }
-    const DWORD position = ::SetFilePointer(stream->handle, 0, nullptr, FILE_CURRENT);
-    if (position == INVALID_SET_FILE_POINTER) {
+    std::uint64_t position = 0;
+    if (!MovePointer(stream->handle, 0, 0, FILE_CURRENT, &position)) {
         StoreError(stream);
+        return -1;
+    }
+    if (position >= 0xFFFFFFFFu) {
+        stream->error = ERROR_ARITHMETIC_OVERFLOW; // past what 32-bit positions can name
         return -1;
     }
     // Positions from 2 GiB up arrive negative in a 32-bit long; the zip layer reads the
     // value back as unsigned.
-    return static_cast<long>(position);
+    return static_cast<long>(static_cast<std::uint32_t>(position));
 }
 
 // The offset is a 32-bit value: unsigned from the start, signed from the current position

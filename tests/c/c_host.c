@@ -1,4 +1,5 @@
-/* A C11 host: the header compiles as C, and every record type goes through the lifecycle. */
+/* A C11 host: the header compiles as C, the host installs its own log sink, and every record
+ * type goes through the lifecycle. */
 #include <qob/qob.h>
 
 #include <stdio.h>
@@ -29,8 +30,41 @@ static int Check(QOB_ObjectType type, size_t size) {
     return failures;
 }
 
-int main(void) {
+struct Sink {
+    int lines;
+    int ready;
+    int calls;
+};
+
+static void CountLine(int level, const char* text, void* user) {
+    struct Sink* sink = user;
+    ++sink->lines;
+    if (level == 5 && strcmp(text, "[QOB][TRACE] logging is ready") == 0) {
+        ++sink->ready;
+    }
+    if (strstr(text, "QOB_IsQob") != NULL) {
+        ++sink->calls;
+    }
+}
+
+/* The sink gets the announcement at once, then the lines of every call. */
+static int CheckSink(void) {
+    static struct Sink sink; /* stays installed after this function returns */
     int failures = 0;
+    QOB_SetLogFn(&CountLine, &sink);
+    if (sink.lines != 1 || sink.ready != 1) {
+        fprintf(stderr, "c host: the sink did not receive the announcement alone\n");
+        ++failures;
+    }
+    if (QOB_IsQob("no such package.qob") != PACKAGE_NOT_FOUND || sink.calls == 0) {
+        fprintf(stderr, "c host: the call's lines did not reach the sink\n");
+        ++failures;
+    }
+    return failures;
+}
+
+int main(void) {
+    int failures = CheckSink();
     failures += Check(QOB_OBJECT_PACKAGE_INFO, sizeof(QOB_PackageInfo));
     failures += Check(QOB_OBJECT_IMAGE_FILES, sizeof(QOB_ImageFiles));
     failures += Check(QOB_OBJECT_UPDATE_ARGS, sizeof(QOB_UpdateArgs));

@@ -1,8 +1,14 @@
 # Fails unless the library exports exactly the ten entry points: nine plain C names and the
 # decorated QOB_SetLogFn (and, on Windows, imports nothing but system DLLs). Run as: cmake -DLIBRARY=... -DWINDOWS=ON|OFF -DOBJDUMP=... -P
+# QOB_SetLogFn carries each platform's own C++ decoration: MSVC's on Windows, where the hosts
+# are built with MSVC, and the Itanium one on Linux.
 set(expected QOB_Constructor QOB_Create QOB_Destructor QOB_Extract QOB_GetLensCastCalibInfo
-             QOB_GetPackageInfo QOB_IsQob QOB_RemoveEntry QOB_Update
-             _Z12QOB_SetLogFnPFviPKcPvES1_)
+             QOB_GetPackageInfo QOB_IsQob QOB_RemoveEntry QOB_Update)
+if(WINDOWS)
+  list(APPEND expected "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")
+else()
+  list(APPEND expected _Z12QOB_SetLogFnPFviPKcPvES1_)
+endif()
 if(WINDOWS)
   execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE dump RESULT_VARIABLE failed)
   # The toolchain's runtime and zlib are linked in: only system DLLs may be imported.
@@ -21,7 +27,7 @@ if(WINDOWS)
   string(SUBSTRING "${dump}" ${start} -1 dump)
   string(FIND "${dump}" "\n\n" stop)
   string(SUBSTRING "${dump}" 0 ${stop} dump)
-  string(REGEX MATCHALL "\\[ *[0-9]+\\] [A-Za-z_][A-Za-z0-9_]*" rows "${dump}")
+  string(REGEX MATCHALL "\\[ *[0-9]+\\] [^\n]+" rows "${dump}")
   set(names)
   foreach(row IN LISTS rows)
     string(REGEX REPLACE "^\\[ *[0-9]+\\] " "" name "${row}")

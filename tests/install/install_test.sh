@@ -29,11 +29,20 @@ libdir=$(dirname "$(dirname "$pc")")
 answer=$("$prefix/bin/qob" check "$work/absent.qob" || true)
 [[ $answer == *PACKAGE_NOT_FOUND* ]] || fail "installed qob: $answer"
 
+echo "--- cpack"
+(cd "$build" && cpack -G TGZ -B "$work/pack" >/dev/null) || fail "cpack failed"
+tarball=$(find "$work/pack" -maxdepth 1 -name 'qob-*.tar.gz')
+[[ -n $tarball ]] || fail "no .tar.gz"
+listing=$(tar -tzf "$tarball")
+for file in include/qob/qob.h lib/libqob.so lib/cmake/qob/qobConfig.cmake bin/qob; do
+  grep -q "^\(\./\)\?$file\$" <<<"$listing" || fail "$file missing from the .tar.gz: $listing"
+done
+
 echo "--- find_package(qob)"
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-"$work/cmake-build/consumer" "$work" | tail -n 1 # the library logs to stdout by default
+"$work/cmake-build/consumer" "$work"
 
 echo "--- pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
@@ -44,4 +53,4 @@ eval "flags=($(pkg-config --cflags --libs qob))"
 [[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
 "$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/consumer.c" "${flags[@]}" \
   -Wl,-rpath,"$libdir"
-"$work/pc-consumer" "$work" | tail -n 1
+"$work/pc-consumer" "$work"

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 namespace QOB::MiniZip {
 
@@ -40,6 +41,22 @@ struct zlib_filefunc_def {
     TruncateFn ztruncate_file = nullptr;
     void* opaque = nullptr;
 };
+
+// A tell result as a file position. Where long is 32 bits wide (Windows), positions from
+// 2 GiB up arrive negative and are read back as unsigned; -1 always means failure.
+inline std::optional<std::uint32_t> PositionFromTell(long value) noexcept {
+    if (value == -1) {
+        return std::nullopt;
+    }
+    std::int64_t position = value;
+    if (position < 0) {
+        position += std::int64_t{1} << 32;
+    }
+    if (position < 0 || position > 0xFFFFFFFF) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(position);
+}
 
 // The table over the operating system's files (the platform layer).
 zlib_filefunc_def PlatformFileFunctions() noexcept;

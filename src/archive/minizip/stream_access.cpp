@@ -29,18 +29,7 @@ std::optional<std::uint32_t> StreamAccess::Tell() noexcept {
     if (io_.ztell_file == nullptr) {
         return std::nullopt;
     }
-    std::int64_t position = io_.ztell_file(io_.opaque, stream_);
-    if (position == -1) {
-        return std::nullopt;
-    }
-    if (position < 0) {
-        // Where long is 32 bits wide, positions from 2 GiB up arrive negative.
-        position += std::int64_t{1} << 32;
-    }
-    if (position < 0 || position > 0xFFFFFFFF) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(position);
+    return PositionFromTell(io_.ztell_file(io_.opaque, stream_));
 }
 
 std::optional<std::uint32_t> StreamAccess::Size() noexcept {

@@ -1,0 +1,21 @@
+# cpack: a binary distribution of what cmake --install puts in place, without a top
+# directory: qob-<version>-win64.zip from the Windows build, a .tar.gz from the Linux one.
+if(WIN32)
+  set(QOB_PACKAGE_SYSTEM win64)
+  set(CPACK_GENERATOR ZIP)
+  set(QOB_README_DESTINATION .)
+else()
+  string(TOLOWER "${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}" QOB_PACKAGE_SYSTEM)
+  set(CPACK_GENERATOR TGZ)
+  set(QOB_README_DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${QOB_README_DESTINATION})
+
+set(CPACK_PACKAGE_NAME qob)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Create, inspect and edit image packages")
+set(CPACK_PACKAGE_FILE_NAME qob-${PROJECT_VERSION}-${QOB_PACKAGE_SYSTEM})
+set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
+set(CPACK_RESOURCE_FILE_README ${PROJECT_SOURCE_DIR}/README.md)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+include(CPack)
