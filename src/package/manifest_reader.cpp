@@ -73,6 +73,18 @@ std::vector<ManifestNode> GetManifestNodes(Archive& archive, QOB_PackageInfo& in
     std::vector<ManifestNode> nodes;
     const std::vector<ManifestContent> contents = GetManifestContents(archive);
     for (std::size_t i = 0; i < contents.size(); ++i) {
+        // The copies usually hold the same text: parse and render each distinct text once,
+        // and let the rows that repeat it share the (read-only) tree and the rendering.
+        if (const auto same = std::find_if(nodes.begin(), nodes.end(),
+                                           [&](const ManifestNode& node) {
+                                               return contents[node.index].text == contents[i].text;
+                                           });
+            same != nodes.end()) {
+            const char* rendered = ManifestText(info, same->row);
+            std::memcpy(ManifestText(info, contents[i].row), rendered, std::strlen(rendered) + 1);
+            nodes.push_back({contents[i].row, same->root, i});
+            continue;
+        }
         const Xml::ParseResult parsed = ParseManifest(contents[i].text);
         if (!parsed.element) {
             if (i == 0) {
@@ -89,7 +101,7 @@ std::vector<ManifestNode> GetManifestNodes(Archive& archive, QOB_PackageInfo& in
                                    kManifestBufferSize));
         }
         Xml::Render(parsed.element, ManifestText(info, contents[i].row), kManifestBufferSize);
-        nodes.push_back({contents[i].row, parsed.element});
+        nodes.push_back({contents[i].row, parsed.element, i});
     }
     if (nodes.empty()) {
         throw Exception(INTERNAL_INCONSISTENCY, "manifest node array is empty");

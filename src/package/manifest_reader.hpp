@@ -21,6 +21,7 @@ struct ManifestContent {
 struct ManifestNode {
     std::size_t row;
     Xml::Node root;
+    std::size_t index; // of its content in the sequence it was parsed from
 };
 
 // True when the primary manifest parses and its version is 0 or 1. Never throws for a bad

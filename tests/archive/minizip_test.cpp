@@ -1,9 +1,13 @@
 // The zip layer where the archive does not show it: locating, editing results, appending,
 // a failed cut, archives behind a prefix.
 #include "archive/archive_test_util.hpp"
+#include "archive/minizip/crc32.hpp"
 #include "common/test_files.hpp"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -155,6 +159,29 @@ TEST(MiniZipTest, EditsGiveTheFreshArchive) {
     EXPECT_EQ(file.data, std::string(1000, '#') + Build({{"a", "al", 6}, {"b", "beta", 0}}));
     ASSERT_EQ(ReadMemory(file.data, read), UNZ_OK);
     EXPECT_EQ(read.at(1).data, "beta");
+}
+
+} // namespace
+
+namespace {
+
+// The fast CRC-32 and zlib's agree, in one call or in pieces at any alignment.
+TEST(MiniZipTest, Crc32AgreesWithZlib) {
+    const std::string bytes = qobtest::RandomBytes(300000, 11);
+    const auto* data = reinterpret_cast<const Bytef*>(bytes.data());
+    for (const std::size_t length : {0u, 1u, 15u, 16u, 63u, 4096u, 65537u, 299999u}) {
+        for (const std::size_t offset : {0u, 1u, 7u}) {
+            const std::size_t n = std::min(length, bytes.size() - offset);
+            const auto expected =
+                static_cast<std::uint32_t>(crc32(0, data + offset, static_cast<uInt>(n)));
+            EXPECT_EQ(QOB::MiniZip::Crc32(0, data + offset, n), expected)
+                << length << "@" << offset;
+            const std::size_t half = n / 3;
+            EXPECT_EQ(QOB::MiniZip::Crc32(QOB::MiniZip::Crc32(0, data + offset, half),
+                                          data + offset + half, n - half),
+                      expected);
+        }
+    }
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Reading the data of the current entry: stored or deflated, bounded by the sizes of its
 // central record, with the CRC-32 checked once everything has been read.
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/crc32.hpp"
 #include "archive/minizip/unzip_state.hpp"
 
 #include <zlib.h>
@@ -221,7 +222,7 @@ int ReadCurrent(UnzReader& reader, void* buffer, unsigned length) {
         return inflated;
     }
     entry.uncompressedLeft -= wanted;
-    entry.crc = static_cast<std::uint32_t>(crc32(entry.crc, out, wanted));
+    entry.crc = Crc32(entry.crc, out, wanted);
     return static_cast<int>(wanted);
 }
 

@@ -89,10 +89,7 @@ int GoToNext(UnzReader& reader) {
     return GoTo(reader, reader.index + 1, reader.recordPosition + reader.current.StoredSize());
 }
 
-bool SameNameIgnoringCase(const std::string& stored, const char* wanted, std::size_t length) {
-    if (stored.size() != length) {
-        return false;
-    }
+bool SameNameIgnoringCase(const char* stored, const char* wanted, std::size_t length) {
     const auto fold = [](unsigned char c) {
         return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
     };
@@ -105,10 +102,39 @@ bool SameNameIgnoringCase(const std::string& stored, const char* wanted, std::si
     return true;
 }
 
+// The lookup over a directory held in memory: names are compared where they lie and only the
+// match is parsed, so a package read (dozens of lookups) allocates nothing per record. Stops
+// at a damaged record exactly where the walk would, leaving the current entry as it was.
+int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
+    const std::vector<std::uint8_t>& directory = reader.directory;
+    std::size_t offset = 0;
+    for (std::uint32_t index = 0; index < reader.end.entryCount; ++index) {
+        if (directory.size() - offset < kCentralHeaderSize) {
+            return UNZ_BADZIPFILE;
+        }
+        const std::uint8_t* header = directory.data() + offset;
+        CentralRecord ignored;
+        VariableLengths lengths;
+        if (!ParseCentralHeader(header, ignored, lengths) ||
+            directory.size() - offset - kCentralHeaderSize < lengths.Total()) {
+            return UNZ_BADZIPFILE;
+        }
+        const auto* stored = reinterpret_cast<const char*>(header + kCentralHeaderSize);
+        if (lengths.name == length && SameNameIgnoringCase(stored, name, length)) {
+            return GoTo(reader, index, reader.end.DirectoryStart() + offset);
+        }
+        offset += kCentralHeaderSize + lengths.Total();
+    }
+    return UNZ_END_OF_LIST_OF_FILE;
+}
+
 int Locate(UnzReader& reader, const char* name) {
     const std::size_t length = std::strlen(name);
     if (length >= UNZ_MAXFILENAMEINZIP) {
         return UNZ_PARAMERROR;
+    }
+    if (!reader.directory.empty()) {
+        return LocateInMemory(reader, name, length);
     }
     const bool savedValid = reader.currentValid;
     const std::uint32_t savedIndex = reader.index;
@@ -117,7 +143,8 @@ int Locate(UnzReader& reader, const char* name) {
 
     int step = GoToFirst(reader);
     for (; step == UNZ_OK; step = GoToNext(reader)) {
-        if (SameNameIgnoringCase(reader.current.name, name, length)) {
+        if (reader.current.name.size() == length &&
+            SameNameIgnoringCase(reader.current.name.data(), name, length)) {
             return UNZ_OK;
         }
     }

@@ -1,5 +1,6 @@
 // In-place replacement of an entry inside the space it already occupies.
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/crc32.hpp"
 #include "archive/minizip/zip_writer_state.hpp"
 
 #include <algorithm>
@@ -74,13 +75,13 @@ int Replace(ZipWriter& writer, const char* name, const void* content, std::uint3
 
     const std::uint32_t padding = allocated - length;
     std::vector<std::uint8_t> zeros(std::min(padding, kZeroChunk));
-    uLong crc = crc32(0, static_cast<const Bytef*>(content), length);
+    std::uint32_t crc = Crc32(0, content, length);
     for (std::uint32_t left = padding; left > 0;) {
         const std::uint32_t chunk = std::min(left, kZeroChunk);
-        crc = crc32(crc, zeros.data(), chunk);
+        crc = Crc32(crc, zeros.data(), chunk);
         left -= chunk;
     }
-    row.crc = static_cast<std::uint32_t>(crc);
+    row.crc = crc;
     row.extra.assign(kContentSizeField, 0);
     Bytes::Put32(row.extra.data(), length < allocated ? length : 0);
 

@@ -1,6 +1,7 @@
 // The zip writer: opening an archive for writing, adding stored or deflated entries, and
 // closing it with its central directory.
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/crc32.hpp"
 #include "archive/minizip/zip_writer_state.hpp"
 
 #include <new>
@@ -163,8 +164,7 @@ int OpenEntry(ZipWriter& writer, const char* filename, const zip_fileinfo* info,
 
 int WriteEntryData(ZipWriter& writer, const void* buffer, unsigned length) {
     WriterEntry& entry = *writer.entry;
-    entry.crc = static_cast<std::uint32_t>(
-        crc32(entry.crc, static_cast<const Bytef*>(buffer), static_cast<uInt>(length)));
+    entry.crc = Crc32(entry.crc, buffer, length);
     entry.uncompressed += length;
     if (!entry.deflate) {
         if (!writer.file.Write(buffer, length)) {
