@@ -5,13 +5,16 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <string>
 
 namespace QOB::Platform {
 
-// Machine-wide lock shared by every process that loads the library. Recursive for the
-// holding thread; released by the system when its holder dies. If it cannot be set up,
-// acquiring and releasing do nothing.
-void ProcessLockAcquire() noexcept;
+// Cross-process lock of the calls: one per user session on Windows, one per user on POSIX
+// systems. Recursive for the holding thread; released by the system when its holder dies.
+// Acquire returns true when held, or when no lock can exist at all (calls then run without
+// cross-process serialisation). It returns false, holding nothing, when the lock exists but
+// cannot be trusted or taken; problem then says why. Release only after a true Acquire.
+bool ProcessLockAcquire(std::string& problem) noexcept;
 void ProcessLockRelease() noexcept;
 
 // Raw file streams for the zip layer's I/O table. Positions are 32-bit, as in the format.
