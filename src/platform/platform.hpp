@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace QOB::Platform {
 
@@ -39,5 +40,30 @@ bool FileModificationTime(const std::filesystem::path& path, std::int64_t& secon
 std::int64_t CurrentTime() noexcept;
 // Local broken-down time (years since 1900, month 0-based).
 std::tm LocalTime(std::int64_t seconds) noexcept;
+
+// Files written by extraction, created below a destination directory without following a
+// link anywhere below it (the destination itself may be reached through links).
+struct OutputFile;
+
+struct CreateBelowResult {
+    enum class Status { Created, ThroughLink, Failed };
+    Status status = Status::Failed;
+    OutputFile* file = nullptr;    // when Created; the caller closes it with OutputClose
+    bool replaced = false;         // an existing file of that name was replaced
+    bool createdDirectory = false; // at least one directory was created on the way
+    std::filesystem::path at;      // the part of the relative path reached (the culprit on failure)
+    int error = 0;                 // the system's error number when not Created
+};
+
+// components: the relative path's elements; none may be empty, "." or "..". Missing
+// directories are created; an existing file is replaced by a new one, never written through.
+CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
+                                  const std::vector<std::filesystem::path>& components);
+bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
+// Closes and frees; false when the system reported an error on closing.
+bool OutputClose(OutputFile* file) noexcept;
+// Two output names with the same key are the same file on this system (letter case is
+// ignored on Windows). UTF-8 in and out.
+std::string OutputNameKey(const std::string& utf8);
 
 } // namespace QOB::Platform

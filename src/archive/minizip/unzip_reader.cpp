@@ -115,11 +115,26 @@ int Locate(UnzReader& reader, const char* name) {
     const std::uint32_t savedPosition = reader.recordPosition;
     CentralRecord saved = reader.current;
 
+    // The first entry that differs in case only is the answer unless one matches exactly:
+    // "MANIFEST.XML" listed first must not hide "manifest.xml".
+    bool folded = false;
+    std::uint32_t foldedIndex = 0;
+    std::uint32_t foldedPosition = 0;
     int step = GoToFirst(reader);
     for (; step == UNZ_OK; step = GoToNext(reader)) {
         if (SameNameIgnoringCase(reader.current.name, name, length)) {
-            return UNZ_OK;
+            if (std::memcmp(reader.current.name.data(), name, length) == 0) {
+                return UNZ_OK;
+            }
+            if (!folded) {
+                folded = true;
+                foldedIndex = reader.index;
+                foldedPosition = reader.recordPosition;
+            }
         }
+    }
+    if (folded && step == UNZ_END_OF_LIST_OF_FILE) {
+        return GoTo(reader, foldedIndex, foldedPosition);
     }
     reader.currentValid = savedValid;
     reader.index = savedIndex;
@@ -262,6 +277,39 @@ int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::ui
         comment[record.comment.size()] = '\0';
     }
     return UNZ_OK;
+}
+
+int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t* recordPosition) {
+    if (file == nullptr || index == nullptr || recordPosition == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    const UnzReader& reader = *AsReader(file);
+    if (!reader.currentValid) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    *index = reader.index;
+    *recordPosition = reader.recordPosition;
+    return UNZ_OK;
+}
+
+int unzGoToFilePosition(unzFile file, std::uint32_t index, std::uint32_t recordPosition) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    UnzReader& reader = *AsReader(file);
+    if (index >= reader.end.entryCount || recordPosition < reader.end.DirectoryStart() ||
+        recordPosition >= reader.end.DirectoryEnd()) {
+        return UNZ_PARAMERROR;
+    }
+    if (reader.entry) {
+        unzCloseCurrentFile(file);
+    }
+    try {
+        return GoTo(reader, index, recordPosition);
+    } catch (const std::bad_alloc&) {
+        reader.currentValid = false;
+        return UNZ_INTERNALERROR;
+    }
 }
 
 int unzGetCurrentFileLocalHeaderOffset(unzFile file, std::uint32_t* offset) {
