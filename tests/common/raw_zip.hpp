@@ -1,0 +1,151 @@
+// Writes zip files byte by byte, for packages that no well-behaved writer would make: names
+// that are not canonical, repeated or case-folded names, deflate bombs, central records that
+// share one local record, tens of thousands of entries.
+#pragma once
+
+#include <zlib.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qobtest {
+
+class RawZip {
+public:
+    struct Record {
+        std::string name;
+        std::uint16_t method;
+        std::uint32_t crc, stored, full, local;
+    };
+
+    // A stored entry, or a deflated one (method 8).
+    std::size_t Add(const std::string& name, const std::string& content, int method = 0) {
+        const std::uint32_t crc = Crc(content);
+        return AddRaw(name, method == 8 ? Deflate(content) : content,
+                      static_cast<std::uint16_t>(method), crc,
+                      static_cast<std::uint32_t>(content.size()));
+    }
+
+    // A deflated entry of `size` copies of `fill`, compressed without holding it whole.
+    std::size_t AddDeflatedRun(const std::string& name, std::size_t size, char fill) {
+        const std::string block(1 << 20, fill);
+        z_stream z{};
+        deflateInit2(&z, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
+        std::string out;
+        std::uint32_t crc = 0;
+        std::vector<unsigned char> buffer(1 << 16);
+        for (std::size_t left = size; left > 0 || z.avail_in > 0;) {
+            const std::size_t round = std::min(left, block.size());
+            crc = static_cast<std::uint32_t>(
+                crc32(crc, reinterpret_cast<const Bytef*>(block.data()), static_cast<uInt>(round)));
+            z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(block.data()));
+            z.avail_in = static_cast<uInt>(round);
+            left -= round;
+            const int flush = left == 0 ? Z_FINISH : Z_NO_FLUSH;
+            do {
+                z.next_out = buffer.data();
+                z.avail_out = static_cast<uInt>(buffer.size());
+                deflate(&z, flush);
+                out.append(reinterpret_cast<char*>(buffer.data()), buffer.size() - z.avail_out);
+            } while (z.avail_out == 0);
+        }
+        deflateEnd(&z);
+        return AddRaw(name, out, 8, crc, static_cast<std::uint32_t>(size));
+    }
+
+    // A central record under another name for the local record of entry `index`.
+    void Alias(const std::string& name, std::size_t index) {
+        Record record = records_.at(index);
+        record.name = name;
+        records_.push_back(record);
+    }
+
+    std::string Finish() const {
+        std::string bytes = data_;
+        const auto start = static_cast<std::uint32_t>(bytes.size());
+        for (const Record& r : records_) {
+            Put(bytes, 0x02014b50, 4);
+            Put(bytes, 20, 2);
+            Put(bytes, 20, 2);
+            Put(bytes, 0, 2);
+            Put(bytes, r.method, 2);
+            Put(bytes, 0x58A16B2Cu, 4);
+            Put(bytes, r.crc, 4);
+            Put(bytes, r.stored, 4);
+            Put(bytes, r.full, 4);
+            Put(bytes, r.name.size(), 2);
+            Put(bytes, 0, 2); // extra
+            Put(bytes, 0, 2); // comment
+            Put(bytes, 0, 2); // disk
+            Put(bytes, 0, 2); // internal attributes
+            Put(bytes, 0, 4); // external attributes
+            Put(bytes, r.local, 4);
+            bytes += r.name;
+        }
+        const auto size = static_cast<std::uint32_t>(bytes.size()) - start;
+        Put(bytes, 0x06054b50, 4);
+        Put(bytes, 0, 4);
+        Put(bytes, records_.size(), 2);
+        Put(bytes, records_.size(), 2);
+        Put(bytes, size, 4);
+        Put(bytes, start, 4);
+        Put(bytes, 0, 2);
+        return bytes;
+    }
+
+private:
+    std::size_t AddRaw(const std::string& name, const std::string& stored, std::uint16_t method,
+                       std::uint32_t crc, std::uint32_t full) {
+        Record record{name, method,
+                      crc,  static_cast<std::uint32_t>(stored.size()),
+                      full, static_cast<std::uint32_t>(data_.size())};
+        Put(data_, 0x04034b50, 4);
+        Put(data_, 20, 2);
+        Put(data_, 0, 2);
+        Put(data_, method, 2);
+        Put(data_, 0x58A16B2Cu, 4);
+        Put(data_, crc, 4);
+        Put(data_, record.stored, 4);
+        Put(data_, full, 4);
+        Put(data_, name.size(), 2);
+        Put(data_, 0, 2);
+        data_ += name;
+        data_ += stored;
+        records_.push_back(record);
+        return records_.size() - 1;
+    }
+
+    static void Put(std::string& bytes, std::uint64_t value, int width) {
+        for (int i = 0; i < width; ++i) {
+            bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+        }
+    }
+
+    static std::uint32_t Crc(const std::string& content) {
+        return static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(content.data()),
+                                                static_cast<uInt>(content.size())));
+    }
+
+    static std::string Deflate(const std::string& content) {
+        z_stream z{};
+        deflateInit2(&z, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
+        std::string out(deflateBound(&z, static_cast<uLong>(content.size())), '\0');
+        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
+        z.avail_in = static_cast<uInt>(content.size());
+        z.next_out = reinterpret_cast<Bytef*>(out.data());
+        z.avail_out = static_cast<uInt>(out.size());
+        if (deflate(&z, Z_FINISH) != Z_STREAM_END) {
+            throw std::runtime_error("deflate failed");
+        }
+        out.resize(z.total_out);
+        deflateEnd(&z);
+        return out;
+    }
+
+    std::string data_;
+    std::vector<Record> records_;
+};
+
+} // namespace qobtest
