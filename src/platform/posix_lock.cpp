@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <string>
@@ -55,20 +54,22 @@ int OpenDirectory(const std::string& path) noexcept {
 
 class ProcessLock {
 public:
+    ProcessLock() noexcept { InitMutex(); }
+
     // What Acquire found. Unavailable means that the lock cannot be created at all.
     enum class State { Unknown, Ready, Unavailable, Refused };
 
     // Takes the in-process mutex, then at the outermost level of the thread's nesting the
     // lock file. On failure nothing is held and problem says why.
     bool Acquire(std::string& problem) noexcept {
-        mutex_.lock();
+        ::pthread_mutex_lock(&mutex_);
         if (depth_ > 0) {
             ++depth_;
             return true;
         }
         const char* why = LockFile();
         if (why != nullptr) {
-            mutex_.unlock();
+            ::pthread_mutex_unlock(&mutex_);
             try {
                 problem = why;
                 problem += ": ";
@@ -85,14 +86,14 @@ public:
         if (--depth_ == 0 && fd_ >= 0) {
             ::flock(fd_, LOCK_UN);
         }
-        mutex_.unlock();
+        ::pthread_mutex_unlock(&mutex_);
     }
 
     // fork: the prepare handler waits until no thread of the parent is inside a call (unless
     // it is the forking thread itself), so the child never starts with a mutex held by a
     // thread it does not have.
-    void BeforeFork() noexcept { mutex_.lock(); }
-    void AfterForkInParent() noexcept { mutex_.unlock(); }
+    void BeforeFork() noexcept { ::pthread_mutex_lock(&mutex_); }
+    void AfterForkInParent() noexcept { ::pthread_mutex_unlock(&mutex_); }
     void AfterForkInChild() noexcept {
         // The inherited descriptors share the parent's open file description and with it
         // the parent's flock: the child must neither unlock it nor rely on it, so it opens a
@@ -106,7 +107,14 @@ public:
             dirFd_ = -1;
         }
         state_ = State::Unknown;
-        mutex_.unlock();
+        // The child's thread has another kernel id than its parent's, so it cannot unlock
+        // what the parent's thread locked: the mutex starts afresh. If the forking thread was
+        // inside calls (depth_ > 0: only it could have been, as it holds the mutex here), the
+        // child goes on inside them and holds the new mutex as often.
+        InitMutex();
+        for (int i = 0; i < depth_; ++i) {
+            ::pthread_mutex_lock(&mutex_);
+        }
     }
 
 private:
@@ -245,7 +253,15 @@ private:
         }
     }
 
-    std::recursive_mutex mutex_;
+    void InitMutex() noexcept {
+        pthread_mutexattr_t attributes;
+        ::pthread_mutexattr_init(&attributes);
+        ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+        ::pthread_mutex_init(&mutex_, &attributes);
+        ::pthread_mutexattr_destroy(&attributes);
+    }
+
+    pthread_mutex_t mutex_;
     // All below guarded by mutex_.
     int depth_ = 0;
     int fd_ = -1;

@@ -28,9 +28,13 @@ public:
                       static_cast<std::uint32_t>(content.size()));
     }
 
-    // A deflated entry of `size` copies of `fill`, compressed without holding it whole.
-    std::size_t AddDeflatedRun(const std::string& name, std::size_t size, char fill) {
-        const std::string block(1 << 20, fill);
+    // A deflated entry of `size` bytes repeating `unit`, compressed without holding it whole.
+    std::size_t AddDeflatedRun(const std::string& name, std::size_t size, const std::string& unit) {
+        std::string block;
+        while (block.size() < (1u << 20)) {
+            block += unit;
+        }
+        block.resize(block.size() - block.size() % unit.size());
         z_stream z{};
         deflateInit2(&z, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
         std::string out;
@@ -60,6 +64,12 @@ public:
         Record record = records_.at(index);
         record.name = name;
         records_.push_back(record);
+    }
+
+    // Makes the central record of entry `index` claim other sizes.
+    void Claim(std::size_t index, std::uint32_t stored, std::uint32_t full) {
+        records_.at(index).stored = stored;
+        records_.at(index).full = full;
     }
 
     std::string Finish() const {
