@@ -6,8 +6,10 @@
 #include <zlib.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qobtest {
@@ -76,60 +78,44 @@ public:
         std::string bytes = data_;
         const auto start = static_cast<std::uint32_t>(bytes.size());
         for (const Record& r : records_) {
-            Put(bytes, 0x02014b50, 4);
-            Put(bytes, 20, 2);
-            Put(bytes, 20, 2);
-            Put(bytes, 0, 2);
-            Put(bytes, r.method, 2);
-            Put(bytes, 0x58A16B2Cu, 4);
-            Put(bytes, r.crc, 4);
-            Put(bytes, r.stored, 4);
-            Put(bytes, r.full, 4);
-            Put(bytes, r.name.size(), 2);
-            Put(bytes, 0, 2); // extra
-            Put(bytes, 0, 2); // comment
-            Put(bytes, 0, 2); // disk
-            Put(bytes, 0, 2); // internal attributes
-            Put(bytes, 0, 4); // external attributes
-            Put(bytes, r.local, 4);
+            // signature, versions, flags, method, time, CRC-32, sizes, name length, extra,
+            // comment, disk, attributes, local header offset
+            // clang-format off
+            Put(bytes, {{0x02014b50, 4}, {20, 2}, {20, 2}, {0, 2}, {r.method, 2}, {0x58A16B2Cu, 4},
+                        {r.crc, 4}, {r.stored, 4}, {r.full, 4}, {r.name.size(), 2},
+                        {0, 2}, {0, 2}, {0, 2}, {0, 2}, {0, 4}, {r.local, 4}});
+            // clang-format on
             bytes += r.name;
         }
         const auto size = static_cast<std::uint32_t>(bytes.size()) - start;
-        Put(bytes, 0x06054b50, 4);
-        Put(bytes, 0, 4);
-        Put(bytes, records_.size(), 2);
-        Put(bytes, records_.size(), 2);
-        Put(bytes, size, 4);
-        Put(bytes, start, 4);
-        Put(bytes, 0, 2);
+        // clang-format off
+        Put(bytes, {{0x06054b50, 4}, {0, 4}, {records_.size(), 2}, {records_.size(), 2},
+                    {size, 4}, {start, 4}, {0, 2}});
+        // clang-format on
         return bytes;
     }
 
 private:
     std::size_t AddRaw(const std::string& name, const std::string& stored, std::uint16_t method,
                        std::uint32_t crc, std::uint32_t full) {
-        Record record{name, method,
-                      crc,  static_cast<std::uint32_t>(stored.size()),
-                      full, static_cast<std::uint32_t>(data_.size())};
-        Put(data_, 0x04034b50, 4);
-        Put(data_, 20, 2);
-        Put(data_, 0, 2);
-        Put(data_, method, 2);
-        Put(data_, 0x58A16B2Cu, 4);
-        Put(data_, crc, 4);
-        Put(data_, record.stored, 4);
-        Put(data_, full, 4);
-        Put(data_, name.size(), 2);
-        Put(data_, 0, 2);
-        data_ += name;
-        data_ += stored;
+        const auto at = static_cast<std::uint32_t>(data_.size());
+        const Record record{name, method, crc, static_cast<std::uint32_t>(stored.size()), full, at};
+        // clang-format off
+        Put(data_, {{0x04034b50, 4}, {20, 2}, {0, 2}, {method, 2}, {0x58A16B2Cu, 4}, {crc, 4},
+                    {record.stored, 4}, {full, 4}, {name.size(), 2}, {0, 2}});
+        // clang-format on
+        data_ += name + stored;
         records_.push_back(record);
         return records_.size() - 1;
     }
 
-    static void Put(std::string& bytes, std::uint64_t value, int width) {
-        for (int i = 0; i < width; ++i) {
-            bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+    // Little-endian fields: (value, width in bytes).
+    static void Put(std::string& bytes,
+                    std::initializer_list<std::pair<std::uint64_t, int>> fields) {
+        for (const auto& [value, width] : fields) {
+            for (int i = 0; i < width; ++i) {
+                bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+            }
         }
     }
 
