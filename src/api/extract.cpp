@@ -41,11 +41,16 @@ struct Planned {
     fs::path relative;
 };
 
-// Output paths as this system compares file names, "/"-separated.
-std::string OutputKey(const fs::path& relative) {
+// UTF-8 with "/" separators on every system, as entry names are.
+std::string Generic(const fs::path& relative) {
     std::string text = PathToUtf8(relative);
     std::replace(text.begin(), text.end(), '\\', '/');
-    return Platform::OutputNameKey(text);
+    return text;
+}
+
+// Output paths as this system compares file names.
+std::string OutputKey(const fs::path& relative) {
+    return Platform::OutputNameKey(Generic(relative));
 }
 
 [[noreturn]] void Collide(const Entry& first, const Entry& second, const std::string& where) {
@@ -82,17 +87,17 @@ void ExtractAll(Archive& archive, const fs::path& destination) {
             prefix /= part;
             const std::string key = OutputKey(prefix);
             if (const auto file = files.find(key); file != files.end()) {
-                Collide(plan[file->second].entry, entry, PathToUtf8(prefix));
+                Collide(plan[file->second].entry, entry, Generic(prefix));
             }
             directories.emplace(key, index);
         }
         const std::string key = OutputKey(normal);
         if (const auto file = files.find(key); file != files.end()) {
-            Collide(plan[file->second].entry, entry, PathToUtf8(normal));
+            Collide(plan[file->second].entry, entry, Generic(normal));
         }
         if (const auto dir = directories.find(key);
             dir != directories.end() && dir->second != index) {
-            Collide(plan[dir->second].entry, entry, PathToUtf8(normal));
+            Collide(plan[dir->second].entry, entry, Generic(normal));
         }
         files.emplace(key, index);
         plan.push_back({std::move(entry), normal});

@@ -117,7 +117,7 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
             continue;
         }
         if (attributes != kNoSuchAttributes && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-            return fail(Status::Failed, ERROR_DIRECTORY_NOT_SUPPORTED);
+            return fail(Status::Failed, ERROR_DIRECTORY);
         }
         // The same rule as elsewhere: a new file, never a write into whatever the name
         // stands for now (a hard link would carry the write out of the destination).
