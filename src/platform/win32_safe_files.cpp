@@ -120,13 +120,31 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
             return fail(Status::Failed, ERROR_DIRECTORY);
         }
         // The same rule as elsewhere: a new file, never a write into whatever the name
-        // stands for now (a hard link would carry the write out of the destination).
+        // stands for now (a hard link would carry the write out of the destination). What is
+        // deleted is what this handle shows, not what the name may have become since.
         if (attributes != kNoSuchAttributes) {
-            if (!::DeleteFileW(path.c_str()) && ::GetLastError() != ERROR_FILE_NOT_FOUND) {
+            const Handle existing(
+                ::CreateFileW(path.c_str(), DELETE | FILE_READ_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+            if (existing.Get() == INVALID_HANDLE_VALUE) {
+                return fail(Status::Failed, ::GetLastError());
+            }
+            const DWORD found = HandleAttributes(existing.Get());
+            if (IsReparsePoint(found)) {
+                return fail(Status::ThroughLink, ERROR_CANT_ACCESS_FILE);
+            }
+            if (found == kNoSuchAttributes || (found & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+                return fail(Status::Failed, ERROR_DIRECTORY);
+            }
+            FILE_DISPOSITION_INFO disposition{};
+            disposition.DeleteFile = TRUE;
+            if (!::SetFileInformationByHandle(existing.Get(), FileDispositionInfo, &disposition,
+                                              sizeof disposition)) {
                 return fail(Status::Failed, ::GetLastError());
             }
             result.replaced = true;
-        }
+        } // closing the handle deletes the file
         Handle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
                                   FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
         if (file.Get() == INVALID_HANDLE_VALUE) {
