@@ -26,9 +26,13 @@ LOCK = 'ZT.XProcess.Lock'
 
 def enter_namespace():
     if os.environ.get('QOB_LOCK_NAMESPACE') == '1':
-        subprocess.run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'tmpfs', '/tmp'], check=True)
+        mounts = [['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'tmpfs', '/tmp']]
         if os.path.isdir('/run/user'):  # hide the session directories of real users
-            subprocess.run(['mount', '-t', 'tmpfs', 'tmpfs', '/run/user'], check=True)
+            mounts.append(['mount', '-t', 'tmpfs', 'tmpfs', '/run/user'])
+        for mount in mounts:
+            if subprocess.run(mount, stderr=subprocess.DEVNULL).returncode != 0:
+                print('skipped: may not mount a tmpfs here')
+                sys.exit(SKIP)
         os.environ.pop('XDG_RUNTIME_DIR', None)
         return
     if os.geteuid() != 0 or shutil.which('unshare') is None or shutil.which('setpriv') is None:
