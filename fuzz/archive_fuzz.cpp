@@ -51,7 +51,9 @@ void Exercise(const std::filesystem::path& file, const std::filesystem::path& ou
             const QOB::Path path(entry.path);
             archive.Read(path);
             if (StaysInside(path.Sanitized())) {
-                archive.Extract(path, out / path.Sanitized(), true);
+                // By its own record, as whole-package extraction does.
+                archive.Extract(entry, out,
+                                std::filesystem::path(path.Sanitized()).lexically_normal());
             }
         } catch (const QOB::Exception&) {
         } catch (const std::system_error&) {

@@ -26,7 +26,23 @@ TEXT = b"<Manifest><Version>1</Version></Manifest>\n" * 20
 STORED = build([("manifest.xml", TEXT), ("Settings/a.xml", b"<a/>")])
 DEFLATED = build([("manifest.xml", TEXT), ("raw/image.raw", bytes(range(256)) * 8)],
                  zipfile.ZIP_DEFLATED)
+def patch_central(data, index, offset, value):
+    """Overwrites a 4-byte field of the index-th central record."""
+    at = -1
+    for _ in range(index + 1):
+        at = data.index(b"PK\x01\x02", at + 1)
+    return data[:at + offset] + struct.pack("<I", value) + data[at + offset + 4:]
+
+
+TWINS = build([("MANIFEST.XML", b"<not"), ("manifest.xml", TEXT), ("IMG_0001.CR3", b"upper"),
+               ("img_0001.cr3", b"lower")])
 SEEDS = {
+    "bomb.zip": build([("manifest.xml", bytes(8 << 20))], zipfile.ZIP_DEFLATED),
+    "case_twins.zip": TWINS,
+    "same_output.zip": build([("a//b/./x.raw", b"first"), ("a/b/x.raw", b"second"),
+                              ("d", b"file"), ("d/x.raw", b"below a file")]),
+    "shared_local_record.zip": patch_central(TWINS, 3, 42, 0),
+    "lying_size.zip": patch_central(DEFLATED, 1, 24, 0xFFFFFF00),
     "stored.zip": STORED,
     "deflated.zip": DEFLATED,
     "traversal.zip": build([("../evil.txt", b"evil"), ("/abs", b"abs"), ("C:x", b"drive"),

@@ -65,6 +65,8 @@ SEEDS = {
     'bom': '\ufeff' + raw(),
     'latin1_path': raw('\xe9.raw').encode('latin-1'),  # not UTF-8
     'embedded_nul': raw() + '\0<File>',
+    'many_elements': raw(rest='<a/>' * 5000),  # past the parser's budget for a manifest
+    'elements_under_budget': raw(rest='<a/>' * 3000),
     'oversized': raw(rest='<Pad>' + 'z' * 17000 + '</Pad>'),  # more than a manifest buffer
 }
 

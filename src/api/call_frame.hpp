@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <new>
 #include <stdexcept>
+#include <string>
 
 namespace QOB {
 
@@ -24,10 +25,18 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
 
 inline constexpr float kSlowCallSeconds = 0.5f;
 
-// Holds the machine-wide lock for one scope.
+// Holds the cross-process lock for one scope. A lock that exists but cannot be trusted or
+// taken fails the call: running unlocked because of it would let whoever caused it switch
+// serialisation off.
 class ProcessLockScope {
 public:
-    ProcessLockScope() noexcept { Platform::ProcessLockAcquire(); }
+    ProcessLockScope() {
+        std::string problem;
+        if (!Platform::ProcessLockAcquire(problem)) {
+            throw Exception(INTERNAL_INCONSISTENCY,
+                            Format("cannot take the cross-process lock: %s", problem.c_str()));
+        }
+    }
     ~ProcessLockScope() { Platform::ProcessLockRelease(); }
     ProcessLockScope(const ProcessLockScope&) = delete;
     ProcessLockScope& operator=(const ProcessLockScope&) = delete;

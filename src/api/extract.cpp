@@ -7,10 +7,15 @@
 #include "archive/path.hpp"
 #include "package/entry_names.hpp"
 #include "package/manifest_format.hpp"
+#include "platform/platform.hpp"
 #include "support/exception.hpp"
+#include "support/format.hpp"
 #include "support/utf8_path.hpp"
 
+#include <algorithm>
 #include <filesystem>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace QOB {
@@ -32,28 +37,73 @@ bool StaysInside(const fs::path& relative) {
 }
 
 struct Planned {
-    Path internal;
-    fs::path external;
+    Entry entry;
+    fs::path relative;
 };
 
+// UTF-8 with "/" separators on every system, as entry names are.
+std::string Generic(const fs::path& relative) {
+    std::string text = PathToUtf8(relative);
+    std::replace(text.begin(), text.end(), '\\', '/');
+    return text;
+}
+
+// Output paths as this system compares file names.
+std::string OutputKey(const fs::path& relative) {
+    return Platform::OutputNameKey(Generic(relative));
+}
+
+[[noreturn]] void Collide(const Entry& first, const Entry& second, const std::string& where) {
+    throw Exception(INVALID_PARAMETER,
+                    Format("entries \"%s\" and \"%s\" extract to the same path \"%s\"",
+                           first.path.c_str(), second.path.c_str(), where.c_str()));
+}
+
+// Every entry is planned and checked before anything is written: an untrusted package must
+// not write outside the destination, nor one entry over another, not even partly. Entries
+// are then read by their own records in one walk, so names that repeat or differ in case
+// only cannot make one entry's bytes land under another's name, and time stays linear.
 void ExtractAll(Archive& archive, const fs::path& destination) {
     std::vector<Planned> plan;
-    for (const Entry& entry : archive.List()) {
+    std::unordered_map<std::string, std::size_t> files;       // output key -> plan index
+    std::unordered_map<std::string, std::size_t> directories; // likewise, for directories
+    for (Entry& entry : archive.List()) {
         if (IsManifestName(entry.path)) {
             continue; // manifests describe the package; they are not its files
         }
-        Path internal(entry.path);
+        const Path internal(entry.path);
         const fs::path stem = PathFromUtf8(std::string(FileNamePart(internal.Sanitized()))).stem();
         const fs::path relative = ReplaceFilenameInPath(internal, PathToUtf8(stem));
-        // Every entry is checked before anything is written: an untrusted package must not
-        // write outside the destination, not even partly.
         if (!StaysInside(relative)) {
             throw Exception(INVALID_PARAMETER, "entry path escapes destination");
         }
-        plan.push_back({std::move(internal), destination / relative});
+        const fs::path normal = relative.lexically_normal();
+        if (normal.filename().empty()) {
+            continue; // a directory entry: it has nothing to write
+        }
+        const std::size_t index = plan.size();
+        fs::path prefix;
+        for (const fs::path& part : normal.parent_path()) {
+            prefix /= part;
+            const std::string key = OutputKey(prefix);
+            if (const auto file = files.find(key); file != files.end()) {
+                Collide(plan[file->second].entry, entry, Generic(prefix));
+            }
+            directories.emplace(key, index);
+        }
+        const std::string key = OutputKey(normal);
+        if (const auto file = files.find(key); file != files.end()) {
+            Collide(plan[file->second].entry, entry, Generic(normal));
+        }
+        if (const auto dir = directories.find(key);
+            dir != directories.end() && dir->second != index) {
+            Collide(plan[dir->second].entry, entry, Generic(normal));
+        }
+        files.emplace(key, index);
+        plan.push_back({std::move(entry), normal});
     }
     for (const Planned& item : plan) {
-        archive.Extract(item.internal, item.external, true);
+        archive.Extract(item.entry, destination, item.relative);
     }
 }
 

@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <memory>
+#include <system_error>
 
 namespace QOB {
 namespace {
@@ -36,8 +38,8 @@ private:
 // Deflate expands at most about 1032 times; a claimed size beyond that cannot be real.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 
-// Before allocating content_size bytes for an entry open for reading, makes sure that the
-// file can hold them: the stored data must lie inside the file and explain the size.
+// Before allocating or writing content_size bytes of the entry open for reading, makes sure
+// that the file can hold them: the stored data must lie inside the file and explain the size.
 void CheckEntryFitsFile(void* unzip, std::uint64_t content_size, std::uint64_t file_size) {
     unz_file_info info{};
     CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
@@ -50,6 +52,34 @@ void CheckEntryFitsFile(void* unzip, std::uint64_t content_size, std::uint64_t f
         CheckUnzipResult(UNZ_BADZIPFILE);
     }
 }
+
+// Refuses, from the central record alone, an entry too large for what the caller reads.
+void CheckEntryWithin(void* unzip, const Entry& entry, std::uint64_t limit) {
+    unz_file_info info{};
+    CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
+    if (entry.allocated_size > limit || info.compressed_size > limit) {
+        throw Exception(CANNOT_READ_FILE_PCK,
+                        Format("entry too large: \"%s\" stored=%zu full=%zu limit=%zu",
+                               entry.path.c_str(), static_cast<std::size_t>(info.compressed_size),
+                               static_cast<std::size_t>(entry.allocated_size),
+                               static_cast<std::size_t>(limit)));
+    }
+}
+
+// The elements of a lexically normal relative path.
+std::vector<std::filesystem::path> Components(const std::filesystem::path& relative) {
+    std::vector<std::filesystem::path> parts;
+    for (const auto& part : relative) {
+        if (!part.empty()) {
+            parts.push_back(part);
+        }
+    }
+    return parts;
+}
+
+struct OutputCloser {
+    void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputClose(file); }
+};
 
 } // namespace
 
@@ -112,11 +142,12 @@ Entry Archive::Get(const Path& path) {
     return GetCurrent(unzip);
 }
 
-std::vector<std::byte> Archive::Read(const Path& path) {
+std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Read path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
     void* unzip = handle_->Unzip();
-    ReadBegin(unzip, path);
+    CheckEntryWithin(unzip, entry, limit);
+    ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
     std::vector<std::byte> content(static_cast<std::size_t>(entry.content_size));
     TryRead(unzip, content.data(), content.size());
@@ -137,7 +168,7 @@ void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
                                static_cast<std::size_t>(entry.content_size), length));
     }
     void* unzip = handle_->Unzip();
-    ReadBegin(unzip, path);
+    ReadBegin(unzip, entry);
     TryRead(unzip, buffer, entry.content_size);
     ReadEnd(unzip, entry);
 }
@@ -147,37 +178,62 @@ void Archive::Extract(const Path& internal, const std::filesystem::path& externa
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Extract int=\"%s\" ext=\"%s\" overwrite=%s", Name(),
                internal.CStr(), target.c_str(), overwrite ? "yes" : "no"));
-    if (std::filesystem::exists(external)) {
-        if (!overwrite) {
-            throw Exception(INTERNAL_INCONSISTENCY, "target exists");
-        }
-        LogWarn(Format("Archive::Extract: overwriting \"%s\"", target.c_str()));
-    } else {
-        const std::filesystem::path parent = external.parent_path();
-        if (!parent.empty() && std::filesystem::create_directories(parent)) {
-            LogInfo(
-                Format("Archive::Extract: created directory \"%s\"", PathToUtf8(parent).c_str()));
-        }
+    std::error_code ignored;
+    if (!overwrite && std::filesystem::exists(std::filesystem::symlink_status(external, ignored))) {
+        throw Exception(INTERNAL_INCONSISTENCY, "target exists");
     }
+    WriteOut(Get(internal), external.parent_path(), external.filename());
+}
 
-    const Entry entry = Get(internal);
+void Archive::Extract(const Entry& entry, const std::filesystem::path& destination,
+                      const std::filesystem::path& relative) {
+    const std::string target = PathToUtf8(destination / relative);
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::Extract int=\"%s\" ext=\"%s\" overwrite=%s", Name(),
+               entry.path.c_str(), target.c_str(), "yes"));
+    WriteOut(entry, destination, relative);
+}
+
+void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
+                       const std::filesystem::path& relative) {
+    const std::filesystem::path base = root.empty() ? std::filesystem::path(".") : root;
+    if (std::filesystem::create_directories(base)) {
+        LogInfo(Format("Archive::Extract: created directory \"%s\"", PathToUtf8(base).c_str()));
+    }
     void* unzip = handle_->Unzip();
-    ReadBegin(unzip, internal);
-    {
-        std::ofstream out(external, std::ios::binary | std::ios::trunc);
-        std::vector<std::byte> buffer(kCopyBufferSize);
-        for (std::uint64_t remaining = entry.content_size; remaining > 0;) {
-            const auto round =
-                static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
-            TryRead(unzip, buffer.data(), round);
-            out.write(reinterpret_cast<const char*>(buffer.data()),
-                      static_cast<std::streamsize>(round));
-            if (!out.good()) {
-                throw Exception(INTERNAL_INCONSISTENCY, "write error");
-            }
-            remaining -= round;
+    ReadBegin(unzip, entry);
+    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+
+    Platform::CreateBelowResult created = Platform::CreateFileBelow(base, Components(relative));
+    const std::string reached = PathToUtf8(base / created.at);
+    if (created.status == Platform::CreateBelowResult::Status::ThroughLink) {
+        throw Exception(INVALID_PARAMETER,
+                        Format("entry \"%s\" would be written through a link: \"%s\"",
+                               entry.path.c_str(), reached.c_str()));
+    }
+    if (created.status != Platform::CreateBelowResult::Status::Created) {
+        throw std::filesystem::filesystem_error(
+            "create_directories", base / created.at,
+            std::error_code(created.error, std::system_category()));
+    }
+    const std::unique_ptr<Platform::OutputFile, OutputCloser> out(created.file);
+    if (created.replaced) {
+        LogWarn(Format("Archive::Extract: overwriting \"%s\"", reached.c_str()));
+    }
+    if (created.createdDirectory) {
+        LogInfo(Format("Archive::Extract: created directory \"%s\"",
+                       PathToUtf8((base / relative).parent_path()).c_str()));
+    }
+    std::vector<std::byte> buffer(kCopyBufferSize);
+    for (std::uint64_t remaining = entry.content_size; remaining > 0;) {
+        const auto round =
+            static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+        TryRead(unzip, buffer.data(), round);
+        if (!Platform::OutputWrite(out.get(), buffer.data(), round)) {
+            throw Exception(INTERNAL_INCONSISTENCY, "write error");
         }
-    } // a failed close only marks the stream
+        remaining -= round;
+    }
     ReadEnd(unzip, entry);
 }
 

@@ -8,6 +8,7 @@
 #include "archive/path.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <vector>
@@ -37,14 +38,23 @@ public:
     // FILE_NOT_IN_PACKAGE when there is no such entry.
     Entry Get(const Path& path);
 
-    // The entry's content (without padding), checked: zero padding and CRC-32.
-    std::vector<std::byte> Read(const Path& path);
+    // The entry's content (without padding), checked: zero padding and CRC-32. An entry
+    // whose stored or full size is above limit is refused (CANNOT_READ_FILE_PCK) before any
+    // of it is read or inflated.
+    std::vector<std::byte> Read(const Path& path, std::uint64_t limit = kMaxEntrySize);
     // The same into a caller's buffer of at least Get(path).content_size bytes; bytes
     // beyond the content are left untouched.
     void Read(const Path& path, std::byte* buffer, std::size_t length);
     // Writes the content into a file, creating missing directories; an existing file is
-    // replaced when overwrite is set and refused otherwise.
+    // replaced when overwrite is set and refused otherwise. The file's name is never
+    // followed if it is a link (INVALID_PARAMETER).
     void Extract(const Path& internal, const std::filesystem::path& external, bool overwrite);
+    // Writes an entry that List returned, read by its own record, into relative below
+    // destination, replacing an existing file. Nothing below destination is followed if it
+    // is a link: such an entry fails with INVALID_PARAMETER before anything is written.
+    // relative must be lexically normal and stay inside (no "..", no root).
+    void Extract(const Entry& entry, const std::filesystem::path& destination,
+                 const std::filesystem::path& relative);
 
     // Appends a new entry with padding zero bytes reserved behind the content; does not
     // check whether the name exists already. The file's modification time is kept.
@@ -61,6 +71,8 @@ public:
 
 private:
     const char* Name() const noexcept;
+    void WriteOut(const Entry& entry, const std::filesystem::path& root,
+                  const std::filesystem::path& relative);
 
     std::unique_ptr<MiniZip::Handle> handle_;
 };

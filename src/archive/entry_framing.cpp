@@ -120,6 +120,14 @@ void ReadBegin(void* unzip, const Path& path) {
     CheckUnzipResult(unzOpenCurrentFile(unzip));
 }
 
+void ReadBegin(void* unzip, const Entry& entry) {
+    const std::string trail = Format("in ReadBegin path=\"%s\" index=%u", entry.path.c_str(),
+                                     static_cast<unsigned>(entry.index));
+    QOB_FAILURE_TRAIL(trail);
+    CheckUnzipResult(unzGoToFilePosition(unzip, entry.index, entry.record_position));
+    CheckUnzipResult(unzOpenCurrentFile(unzip));
+}
+
 void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
     const std::string trail = Format("in TryRead length=%zu", static_cast<std::size_t>(length));
     QOB_FAILURE_TRAIL(trail);
@@ -177,6 +185,7 @@ Entry GetCurrent(void* unzip) {
     CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
 
     Entry entry;
+    CheckUnzipResult(unzGetCurrentFilePosition(unzip, &entry.index, &entry.record_position));
     entry.data_offset = std::uint64_t{offset} + 30 + info.size_filename + info.size_file_extra +
                         info.size_file_comment;
     entry.allocated_size = info.uncompressed_size;

@@ -29,6 +29,10 @@ struct Entry {
     // weekday, day of year and daylight flag are 0.
     std::tm time{};
     std::uint32_t dos_time = 0; // raw DOS word, date in the high 16 bits
+    // Where its central record is, so that it can be read again by its own record rather
+    // than by name (names may repeat, or differ in letter case only).
+    std::uint32_t index = 0;
+    std::uint32_t record_position = 0;
 };
 
 inline constexpr std::uint64_t kMaxEntrySize = 0xFFFFFFFFu;
@@ -44,6 +48,8 @@ void WriteEnd(void* zip, std::uint64_t padding_size);
 
 // Locates the entry (ASCII case-insensitive) and opens it for reading.
 void ReadBegin(void* unzip, const Path& path);
+// Opens the entry that List returned, by its own central record.
+void ReadBegin(void* unzip, const Entry& entry);
 // Reads exactly length bytes of the open entry, or throws.
 void TryRead(void* unzip, std::byte* buffer, std::uint64_t length);
 // Reads and checks the padding behind content_size, then closes the entry, which verifies

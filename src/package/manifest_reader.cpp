@@ -20,15 +20,24 @@ namespace {
 
 using namespace ManifestTag;
 
+// A manifest renders to less than one text buffer (16 KiB) and is stored with as much padding;
+// anything far larger is hostile and is refused before it is inflated or parsed.
+constexpr std::uint64_t kMaxManifestEntry = 1024 * 1024;
+// No manifest that renders to under 16 KiB holds more elements ("<a/>" is four bytes) or
+// deeper nesting than this; a hostile text stops here instead of building millions of nodes.
+constexpr Xml::Limits kManifestLimits{kManifestBufferSize / 4, kManifestBufferSize / 8};
+
 Xml::ParseResult ParseManifest(const std::vector<char>& text) {
-    return Xml::Parse(std::string_view(text.data(), std::strlen(text.data())), kManifest);
+    return Xml::Parse(std::string_view(text.data(), std::strlen(text.data())), kManifest,
+                      kManifestLimits);
 }
 
 } // namespace
 
 bool IsPackageVersionSupported(Archive& archive) {
     QOB_FAILURE_TRAIL("in IsPackageVersionSupported");
-    const std::vector<std::byte> bytes = archive.Read(Path(kManifestNames[kPrimaryManifestRow]));
+    const std::vector<std::byte> bytes =
+        archive.Read(Path(kManifestNames[kPrimaryManifestRow]), kMaxManifestEntry);
     std::vector<char> text(bytes.size() + 1, '\0');
     std::memcpy(text.data(), bytes.data(), bytes.size());
     const Xml::ParseResult parsed = ParseManifest(text);
@@ -57,7 +66,7 @@ std::vector<ManifestContent> GetManifestContents(Archive& archive) {
         if (!archive.Contains(name)) {
             continue;
         }
-        const std::vector<std::byte> bytes = archive.Read(name);
+        const std::vector<std::byte> bytes = archive.Read(name, kMaxManifestEntry);
         ManifestContent content{row, std::vector<char>(bytes.size() + 1, '\0')};
         std::memcpy(content.text.data(), bytes.data(), bytes.size());
         contents.push_back(std::move(content));

@@ -5,13 +5,17 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace QOB::Platform {
 
-// Machine-wide lock shared by every process that loads the library. Recursive for the
-// holding thread; released by the system when its holder dies. If it cannot be set up,
-// acquiring and releasing do nothing.
-void ProcessLockAcquire() noexcept;
+// Cross-process lock of the calls: one per user session on Windows, one per user on POSIX
+// systems. Recursive for the holding thread; released by the system when its holder dies.
+// Acquire returns true when held, or when no lock can exist at all (calls then run without
+// cross-process serialisation). It returns false, holding nothing, when the lock exists but
+// cannot be trusted or taken; problem then says why. Release only after a true Acquire.
+bool ProcessLockAcquire(std::string& problem) noexcept;
 void ProcessLockRelease() noexcept;
 
 // Raw file streams for the zip layer's I/O table. Positions are 32-bit, as in the format.
@@ -36,5 +40,30 @@ bool FileModificationTime(const std::filesystem::path& path, std::int64_t& secon
 std::int64_t CurrentTime() noexcept;
 // Local broken-down time (years since 1900, month 0-based).
 std::tm LocalTime(std::int64_t seconds) noexcept;
+
+// Files written by extraction, created below a destination directory without following a
+// link anywhere below it (the destination itself may be reached through links).
+struct OutputFile;
+
+struct CreateBelowResult {
+    enum class Status { Created, ThroughLink, Failed };
+    Status status = Status::Failed;
+    OutputFile* file = nullptr;    // when Created; the caller closes it with OutputClose
+    bool replaced = false;         // an existing file of that name was replaced
+    bool createdDirectory = false; // at least one directory was created on the way
+    std::filesystem::path at;      // the part of the relative path reached (the culprit on failure)
+    int error = 0;                 // the system's error number when not Created
+};
+
+// components: the relative path's elements; none may be empty, "." or "..". Missing
+// directories are created; an existing file is replaced by a new one, never written through.
+CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
+                                  const std::vector<std::filesystem::path>& components);
+bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
+// Closes and frees; false when the system reported an error on closing.
+bool OutputClose(OutputFile* file) noexcept;
+// Two output names with the same key are the same file on this system (letter case is
+// ignored on Windows). UTF-8 in and out.
+std::string OutputNameKey(const std::string& utf8);
 
 } // namespace QOB::Platform

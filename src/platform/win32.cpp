@@ -33,11 +33,12 @@ struct ProcessLockSetup {
 
 } // namespace
 
-void ProcessLockAcquire() noexcept {
+bool ProcessLockAcquire(std::string& /*problem*/) noexcept {
     if (g_mutex != nullptr) {
         // An abandoned mutex counts as acquired; a failed wait lets the call run unlocked.
         ::WaitForSingleObject(g_mutex, INFINITE);
     }
+    return true;
 }
 
 void ProcessLockRelease() noexcept {

@@ -2,6 +2,8 @@
 // on the "call:" line, which the library writes while it holds the lock.
 //   lock_child append FILE TAG COUNT   append COUNT lines "TAG i" to FILE, slowly
 //   lock_child die FILE                write "holding" to FILE, then die without unlocking
+//   lock_child hold FILE MS            write "holding" to FILE, hold the lock MS milliseconds
+//   lock_child call -                  one call; prints its result and why it failed
 #include <qob/qob.h>
 
 #include <chrono>
@@ -19,6 +21,9 @@ std::string g_mode, g_file, g_tag;
 int g_count = 0;
 
 void Sink(int, const char* text, void*) {
+    if (g_mode == "call" && std::strstr(text, "cross-process lock") != nullptr) {
+        std::printf("%s\n", text);
+    }
     if (std::strstr(text, "call: QOB_Constructor") == nullptr) {
         return;
     }
@@ -29,10 +34,14 @@ void Sink(int, const char* text, void*) {
             out.close();
             std::this_thread::sleep_for(std::chrono::milliseconds(15));
         }
-    } else if (g_mode == "die") {
+    } else if (g_mode == "die" || g_mode == "hold") {
         {
             std::ofstream out(g_file, std::ios::binary);
             out << "holding\n";
+        }
+        if (g_mode == "hold") {
+            std::this_thread::sleep_for(std::chrono::milliseconds(g_count));
+            return;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
 #if defined(_WIN32)
@@ -57,8 +66,17 @@ int main(int argc, char** argv) {
         }
         g_tag = argv[3];
         g_count = std::atoi(argv[4]);
+    } else if (g_mode == "hold") {
+        if (argc < 4) {
+            return 2;
+        }
+        g_count = std::atoi(argv[3]);
     }
     QOB_SetLogFn(&Sink, nullptr);
     QOB_EntryInfo entry;
-    return QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO) == SUCCESS ? 0 : 1;
+    const QobErrorCode_e result = QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO);
+    if (g_mode == "call") {
+        std::printf("result %d\n", static_cast<int>(result));
+    }
+    return result == SUCCESS ? 0 : 1;
 }

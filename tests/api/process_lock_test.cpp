@@ -9,6 +9,12 @@
 #include <sstream>
 #include <thread>
 
+#if !defined(_WIN32)
+#include <atomic>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
 namespace {
 
 #if defined(_WIN32)
@@ -82,13 +88,40 @@ TEST(ProcessLock, NestedCallsOnOneThreadDoNotDeadlock) {
     EXPECT_EQ(QOB_Destructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
     QOB_SetLogFn(&qobtest::SilentSink, nullptr);
     EXPECT_EQ(depth, 2);
-#if !defined(_WIN32)
-    // Every user shares one lock file.
-    const auto perms = std::filesystem::status("/tmp/ZT.XProcess.Lock").permissions();
-    using std::filesystem::perms;
-    EXPECT_EQ(perms & (perms::owner_write | perms::group_write | perms::others_write),
-              perms::owner_write | perms::group_write | perms::others_write);
-#endif
 }
+
+#if !defined(_WIN32)
+std::atomic<int> g_inside{0};
+
+// Keeps the calling thread inside its call for a while, once.
+void SlowSink(int, const char* text, void*) {
+    if (std::string(text).find("call: QOB_Destructor") != std::string::npos) {
+        g_inside = 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
+}
+
+TEST(ProcessLock, ChildForkedDuringAnotherThreadsCallCanCall) {
+    QOB_SetLogFn(&SlowSink, nullptr);
+    std::thread inside([] {
+        QOB_EntryInfo entry;
+        EXPECT_EQ(QOB_Destructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
+    });
+    while (g_inside == 0) {
+        std::this_thread::yield();
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(20); // a deadlock ends the child, and the test fails
+        QOB_EntryInfo entry;
+        ::_exit(QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO) == SUCCESS ? 0 : 1);
+    }
+    inside.join();
+    QOB_SetLogFn(&qobtest::SilentSink, nullptr);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+#endif
 
 } // namespace

@@ -54,6 +54,30 @@ TEST(XmlParse, ReportsWhereAndWhyItStopped) {
     EXPECT_STREQ(ErrorText(21), "Unknown");
 }
 
+TEST(XmlParse, StopsAtItsBudget) {
+    struct Budget {
+        const char* text;
+        QOB::Xml::Limits limits;
+        bool parses;
+        int column; // where it stopped when it does not
+    };
+    const Budget cases[] = {
+        {"<Manifest><a/><b/></Manifest>", {3, 2}, true, 0},
+        {"<Manifest><a/><b/></Manifest>", {2, 9}, false, 15},
+        {"<Manifest><a><b/></a></Manifest>", {9, 2}, false, 14},
+        {"<Manifest><a><b/></a></Manifest>", {9, 3}, true, 0},
+        {"<x/><Manifest/>", {1, 9}, false, 5}, // elements outside the one asked for count too
+    };
+    for (const Budget& c : cases) {
+        SCOPED_TRACE(c.text);
+        const auto result = Parse(c.text, "Manifest", c.limits);
+        EXPECT_EQ(result.error, c.parses ? Error::None : Error::UnexpectedToken);
+        if (!c.parses) {
+            EXPECT_EQ(result.column, c.column);
+        }
+    }
+}
+
 TEST(XmlParse, ReadsTheSupportedSyntax) {
     const std::string text = "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                              "<!DOCTYPE Manifest [ <!ELEMENT Manifest ANY> ]>\n"

@@ -62,14 +62,21 @@ int unzClose(unzFile file);
 int unzGetGlobalInfo(unzFile file, unz_global_info* info);
 int unzGoToFirstFile(unzFile file);
 int unzGoToNextFile(unzFile file); // UNZ_END_OF_LIST_OF_FILE after the last entry
-// ASCII letters compared without regard to case; names of 256 bytes or more are never
-// found (UNZ_PARAMERROR). Not found: UNZ_END_OF_LIST_OF_FILE, current entry unchanged.
+// ASCII letters compared without regard to case, an entry of exactly that name preferred over
+// earlier ones that differ in case only; names of 256 bytes or more are never found
+// (UNZ_PARAMERROR). Not found: UNZ_END_OF_LIST_OF_FILE, current entry unchanged.
 int unzLocateFile(unzFile file, const char* name);
 // Information about the current entry; name (NUL-terminated when it fits), central extra
 // field and comment are copied into the buffers given, each truncated to its size.
 int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::uint32_t nameSize,
                           void* extra, std::uint32_t extraSize, char* comment,
                           std::uint32_t commentSize);
+// Where the current entry's central record is: its index in the directory and the record's
+// file position. Going back there later costs one record read, whatever the archive's size.
+int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t* recordPosition);
+// Makes the record at that index and position current; UNZ_PARAMERROR when they do not name a
+// record inside the central directory.
+int unzGoToFilePosition(unzFile file, std::uint32_t index, std::uint32_t recordPosition);
 // Offset of the current entry's local header, from its central record.
 int unzGetCurrentFileLocalHeaderOffset(unzFile file, std::uint32_t* offset);
 int unzOpenCurrentFile(unzFile file);

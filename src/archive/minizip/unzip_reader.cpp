@@ -108,6 +108,9 @@ bool SameNameIgnoringCase(const char* stored, const char* wanted, std::size_t le
 int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
     const std::vector<std::uint8_t>& directory = reader.directory;
     std::size_t offset = 0;
+    bool folded = false;
+    std::uint32_t foldedIndex = 0;
+    std::size_t foldedOffset = 0;
     for (std::uint32_t index = 0; index < reader.end.entryCount; ++index) {
         if (directory.size() - offset < kCentralHeaderSize) {
             return UNZ_BADZIPFILE;
@@ -121,9 +124,20 @@ int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
         }
         const auto* stored = reinterpret_cast<const char*>(header + kCentralHeaderSize);
         if (lengths.name == length && SameNameIgnoringCase(stored, name, length)) {
-            return GoTo(reader, index, reader.end.DirectoryStart() + offset);
+            // An exact match wins over an earlier one that differs in case only.
+            if (std::memcmp(stored, name, length) == 0) {
+                return GoTo(reader, index, reader.end.DirectoryStart() + offset);
+            }
+            if (!folded) {
+                folded = true;
+                foldedIndex = index;
+                foldedOffset = offset;
+            }
         }
         offset += kCentralHeaderSize + lengths.Total();
+    }
+    if (folded) {
+        return GoTo(reader, foldedIndex, reader.end.DirectoryStart() + foldedOffset);
     }
     return UNZ_END_OF_LIST_OF_FILE;
 }
@@ -141,12 +155,27 @@ int Locate(UnzReader& reader, const char* name) {
     const std::uint32_t savedPosition = reader.recordPosition;
     CentralRecord saved = reader.current;
 
+    // The first entry that differs in case only is the answer unless one matches exactly:
+    // "MANIFEST.XML" listed first must not hide "manifest.xml".
+    bool folded = false;
+    std::uint32_t foldedIndex = 0;
+    std::uint32_t foldedPosition = 0;
     int step = GoToFirst(reader);
     for (; step == UNZ_OK; step = GoToNext(reader)) {
         if (reader.current.name.size() == length &&
             SameNameIgnoringCase(reader.current.name.data(), name, length)) {
-            return UNZ_OK;
+            if (std::memcmp(reader.current.name.data(), name, length) == 0) {
+                return UNZ_OK;
+            }
+            if (!folded) {
+                folded = true;
+                foldedIndex = reader.index;
+                foldedPosition = reader.recordPosition;
+            }
         }
+    }
+    if (folded && step == UNZ_END_OF_LIST_OF_FILE) {
+        return GoTo(reader, foldedIndex, foldedPosition);
     }
     reader.currentValid = savedValid;
     reader.index = savedIndex;
@@ -289,6 +318,39 @@ int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::ui
         comment[record.comment.size()] = '\0';
     }
     return UNZ_OK;
+}
+
+int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t* recordPosition) {
+    if (file == nullptr || index == nullptr || recordPosition == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    const UnzReader& reader = *AsReader(file);
+    if (!reader.currentValid) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    *index = reader.index;
+    *recordPosition = reader.recordPosition;
+    return UNZ_OK;
+}
+
+int unzGoToFilePosition(unzFile file, std::uint32_t index, std::uint32_t recordPosition) {
+    if (file == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    UnzReader& reader = *AsReader(file);
+    if (index >= reader.end.entryCount || recordPosition < reader.end.DirectoryStart() ||
+        recordPosition >= reader.end.DirectoryEnd()) {
+        return UNZ_PARAMERROR;
+    }
+    if (reader.entry) {
+        unzCloseCurrentFile(file);
+    }
+    try {
+        return GoTo(reader, index, recordPosition);
+    } catch (const std::bad_alloc&) {
+        reader.currentValid = false;
+        return UNZ_INTERNALERROR;
+    }
 }
 
 int unzGetCurrentFileLocalHeaderOffset(unzFile file, std::uint32_t* offset) {

@@ -98,8 +98,8 @@ Error DecodeEntity(std::string_view name, char& out) noexcept {
 // keeps the whole parse linear in the size of the text.
 class Parser {
 public:
-    Parser(std::string_view text, std::string_view wanted) noexcept
-        : text_(text), wanted_(wanted) {}
+    Parser(std::string_view text, std::string_view wanted, const Limits& limits) noexcept
+        : text_(text), wanted_(wanted), limits_(limits) {}
 
     void Run();
     // Records a failure at byte offset at; returns false so that callers can unwind with it.
@@ -140,6 +140,8 @@ private:
 
     std::string_view text_;
     std::string_view wanted_;
+    Limits limits_;
+    std::size_t elements_ = 0;
     std::size_t pos_ = 0;
     Error error_ = Error::None;
     std::size_t at_ = 0;
@@ -259,6 +261,10 @@ bool Parser::StartTag() {
     if (name.empty()) {
         return Fail(Error::MissingStartTagName, at);
     }
+    if (elements_ >= limits_.elements || open_.size() >= limits_.depth) {
+        return Fail(Error::UnexpectedToken, pos_);
+    }
+    ++elements_;
     auto element = std::make_shared<Element>(name);
     bool empty = false;
     while (true) {
@@ -402,8 +408,9 @@ void Parser::TopLevelDone(std::shared_ptr<Element> element) noexcept {
 
 } // namespace
 
-ParseResult Parse(std::string_view text, std::string_view firstElementName) noexcept {
-    Parser parser(text, firstElementName);
+ParseResult Parse(std::string_view text, std::string_view firstElementName,
+                  const Limits& limits) noexcept {
+    Parser parser(text, firstElementName, limits);
     try {
         parser.Run();
     } catch (...) {

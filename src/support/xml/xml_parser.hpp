@@ -4,6 +4,8 @@
 #include "support/xml/xml_errors.hpp"
 #include "support/xml/xml_node.hpp"
 
+#include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace QOB::Xml {
@@ -16,6 +18,13 @@ struct ParseResult {
     // the end of the text on success and for failures only the end reveals.
     int row = 1;
     int column = 1;
+};
+
+// A budget for untrusted text: parsing stops with UnexpectedToken at the start tag that would
+// exceed it, before the element is built. The defaults set no limit.
+struct Limits {
+    std::size_t elements = SIZE_MAX; // elements in the whole text
+    std::size_t depth = SIZE_MAX;    // elements open at once
 };
 
 // Parses text (8-bit, UTF-8 passes through untouched) and returns its first top-level element
@@ -34,7 +43,8 @@ struct ParseResult {
 // UnmatchedClearTagEnd (a comment, CDATA, DOCTYPE or "<?" section never closed);
 // UnknownEntity (also "&" without ";" and &#0;); CharacterCodeAbove255; UnexpectedToken for
 // anything else out of place (bad attribute syntax, an unclosed tag, text or CDATA outside the
-// elements, an unknown "<!" section). Depth is limited by memory only: nothing recurses.
-ParseResult Parse(std::string_view text, std::string_view firstElementName) noexcept;
+// elements, an unknown "<!" section). Nothing recurses: depth costs no stack.
+ParseResult Parse(std::string_view text, std::string_view firstElementName,
+                  const Limits& limits = {}) noexcept;
 
 } // namespace QOB::Xml
