@@ -142,7 +142,8 @@ def test_pip_install_offline(tmp_path, package):
     shutil.copytree(SOURCE, tree, ignore=shutil.ignore_patterns("build", "*.egg-info",
                                                                  "__pycache__"))
     library = pathlib.Path(os.environ["QOB_LIBRARY"])
-    shutil.copy(library, tree / "qob" / library.name)
+    bundled = "qob.dll" if os.name == "nt" else "libqob.so.0"
+    shutil.copy(library, tree / "qob" / bundled)
     target = tmp_path / "site"
     subprocess.run([sys.executable, "-m", "pip", "install", "--quiet", "--no-index",
                     "--no-build-isolation", "--target", str(target), str(tree)],
@@ -153,4 +154,4 @@ def test_pip_install_offline(tmp_path, package):
                           "print(qob.library_path()); print(qob.info(sys.argv[1]).raw.path)",
                           str(package)], check=True, capture_output=True, text=True,
                          env=environment, cwd=tmp_path, timeout=60).stdout.splitlines()
-    assert out == [str(target / "qob" / library.name), RAW]
+    assert out == [str(target / "qob" / bundled), RAW]

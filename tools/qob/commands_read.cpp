@@ -256,6 +256,18 @@ int RunVerify(const Args& args, bool quiet) {
     } catch (const Inspect::Failure& e) {
         throw ToolError(package + ": " + e.what());
     }
+    // A package whose manifests no longer describe an image (its raw image removed, say)
+    // fails the library's full read even where zip and manifests agree.
+    {
+        InfoRecord record;
+        CopyField(record.info->szPackagePath, package, "package path");
+        BeginCall();
+        const QobErrorCode_e read = QOB_GetPackageInfo(record.info.get());
+        if (read != SUCCESS) {
+            report.problems.push_back("the library cannot read the package (" +
+                                      Describe(read, "QOB_GetPackageInfo") + ")");
+        }
+    }
     const bool sound = report.Sound();
     if (parsed.Has("--json")) {
         std::printf("{\n  \"package\": %s,\n  \"sound\": %s,\n", JsonString(package).c_str(),
