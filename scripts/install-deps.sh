@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake make g++ pkg-config zlib1g-dev libgtest-dev googletest libbenchmark-dev
   g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
-  python3 unzip zip p7zip-full libarchive-tools
+  python3 python3-pytest python3-setuptools python3-pip unzip zip p7zip-full libarchive-tools
 )
 if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)
