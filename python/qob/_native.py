@@ -82,8 +82,9 @@ for _record, _size in RECORD_SIZES.items():
                           f"the library's is {_size}")
 
 # QOB_SetLogFn has C++ linkage: its exported name is decorated, differently per compiler.
-SET_LOG_FN_NAMES = ("_Z12QOB_SetLogFnPFviPKcPvES1_",          # GCC, Clang, MinGW
-                    "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")  # MSVC
+_ITANIUM_NAME = "_Z12QOB_SetLogFnPFviPKcPvES1_"    # GCC and Clang; MinGW builds of the DLL
+_MSVC_NAME = "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z"  # the DLL's own decoration on Windows
+SET_LOG_FN_NAMES = (_MSVC_NAME, _ITANIUM_NAME) if os.name == "nt" else (_ITANIUM_NAME,)
 LogFn = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_void_p)
 
 # Library level (0 FATAL .. 5 TRACE) -> logging level; TRACE sits below DEBUG.

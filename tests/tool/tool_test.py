@@ -235,7 +235,8 @@ class ToolCase(unittest.TestCase):
                     (["lcc", "new.qob", "XX"], "XX", 4), (["cat", "new.qob", "nope.bin"], "nope", 4),
                     (["create", "x" * 300 + ".qob", "--raw", RAW], "too long", 1),
                     (["info", "edit.xmp"], "edit.xmp: ", 3), (["ls", "edit.xmp"], "edit.xmp: ", 3),
-                    (["info", "my packages"], "my packages: Is a directory", 1)]
+                    (["info", "my packages"], "my packages: Is a directory", 1),
+                    (["extract", "new.qob", "edit.xmp"], "edit.xmp: ", 1)]
         failures += [(args, "none.qob: No such file or directory", 4) for args in (
             ["info", "none.qob"], ["ls", "none.qob"], ["verify", "none.qob"],
             ["update", "none.qob", "--settings", "edit.xmp"], ["extract", "none.qob", "d"],

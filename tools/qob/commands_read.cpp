@@ -1,15 +1,21 @@
 // The subcommands that only read a package: info, ls, lcc, check, verify, extract, cat.
 #include "cli.hpp"
 #include "commands.hpp"
+#include "host_platform.hpp"
 #include "library_log.hpp"
 
 #include "core/package_inspect.hpp"
+#include "support/utf8_path.hpp"
 
 #include <qob/qob.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string_view>
 
@@ -101,6 +107,22 @@ void ReadInfo(InfoRecord& record, const std::string& package) {
     CopyField(record.info->szPackagePath, package, "package path");
     BeginCall();
     Check(QOB_GetPackageInfo(record.info.get()), "QOB_GetPackageInfo", package);
+}
+
+// Throws "<dir>: <reason>" when dir cannot be made or a file cannot be created in it.
+void RequireWritableDirectory(const std::string& dir) {
+    std::error_code error;
+    std::filesystem::create_directories(QOB::PathFromUtf8(dir), error);
+    if (error) {
+        throw ToolError(dir + ": " + error.message());
+    }
+    const std::string probe = dir + "/.qob-write-probe";
+    std::FILE* file = OpenFile(probe, "wb");
+    if (file == nullptr) {
+        throw ToolError(dir + ": " + std::strerror(errno));
+    }
+    std::fclose(file);
+    std::filesystem::remove(QOB::PathFromUtf8(probe), error);
 }
 
 std::vector<Inspect::EntryReport> List(const std::string& package, bool check) {
@@ -308,7 +330,13 @@ int RunExtract(const Args& args, bool quiet) {
     CopyField(extract->szDestination, parsed.positional[1], "destination");
     extract->eMode = QOB_EXTRACT_ALL;
     BeginCall();
-    Check(QOB_Extract(extract.get()), "QOB_Extract", package);
+    const QobErrorCode_e result = QOB_Extract(extract.get());
+    if (result != SUCCESS) {
+        // When the destination is what the system refuses, its reason names the cause.
+        const std::string message = Describe(result, "QOB_Extract");
+        RequireWritableDirectory(parsed.positional[1]);
+        throw ToolError(package + ": " + message, StatusFor(result, package));
+    }
     if (!quiet) {
         std::printf("extracted %s into %s\n", package.c_str(), parsed.positional[1].c_str());
     }
