@@ -337,8 +337,15 @@ def read(path: PathLike, entry: str) -> bytes:
     # Not a file the manifest names (a manifest, say): its size is not known up front. The
     # library fills a buffer with the content and leaves the rest alone, so two reads into
     # buffers of different fill show where the content ends. The package's size bounds it.
-    size = min(os.path.getsize(path), 0xFFFFFFFF)
-    low = _read_into(path, entry, size, 0x00)
+    # Manifests are small: a first try with 64 KiB, then the bound that always holds.
+    whole = min(os.path.getsize(path), 0xFFFFFFFF)
+    for size in sorted({min(whole, 65536), whole}):
+        try:
+            low = _read_into(path, entry, size, 0x00)
+            break
+        except Error as e:
+            if e.name != "INTERNAL_INCONSISTENCY" or size == whole:  # not "buffer too small"
+                raise
     high = _read_into(path, entry, size, 0xFF)
     end = size
     while end > 0 and low[end - 1] != high[end - 1]:

@@ -87,6 +87,12 @@ def test_round_trip(tmp_path, sources, package):
     assert qob.info(package).proxy is None
     assert qob.read(package, info.raw.path) == sources[RAW]
 
+    # An entry another tool added, larger than the first buffer tried for unnamed entries.
+    stray = random.Random(5).randbytes(100000) + b"\0\0"
+    with zipfile.ZipFile(package, "a") as archive:
+        archive.writestr("stray.bin", stray)
+    assert qob.read(package, "stray.bin") == stray
+
 
 def test_failures_raise_error(tmp_path, sources, package):
     plain = tmp_path / "plain.zip"
