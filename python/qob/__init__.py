@@ -5,6 +5,7 @@ whose .code and .name are the library's result code and its name, and whose .mes
 library's own message. The library's log lines go to the logger "qob".
 """
 import ctypes
+import dataclasses
 import datetime
 import os
 from dataclasses import dataclass, field
@@ -364,7 +365,7 @@ def lcc(path: PathLike, identifier: str) -> Entry:
     # The look-up leaves the time out; the package's file list has it.
     for profile in info(path).lccs:
         if profile.path == entry.path:
-            return Entry(**{**entry.__dict__, "time": profile.time})
+            return dataclasses.replace(entry, time=profile.time)
     return entry
 
 
