@@ -126,6 +126,10 @@ void RequireWritableDirectory(const std::string& dir) {
 }
 
 std::vector<Inspect::EntryReport> List(const std::string& package, bool check) {
+    // Through an export first, whatever its answer: opening a package there is what repairs
+    // one that a change interrupted, and the listing must not see it half-changed.
+    BeginCall();
+    static_cast<void>(QOB_IsQob(package.c_str()));
     try {
         return Inspect::ListEntries(package, check);
     } catch (const Inspect::Failure& e) {
