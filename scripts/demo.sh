@@ -34,8 +34,17 @@ run create photo.qob --raw IMG_0001.CR3 --settings settings.xmp --proxy proxy.jp
   --lcc WIDE=wide.lcc --lcc TELE=tele.lcc --icc sRGB=display.icc --mask mask.msk
 run info photo.qob
 
-offsets() { "$qob" ls photo.qob | awk 'NR > 2 && $NF !~ /^(manifest|entries$)/ && NF == 6 { print $3, $6 }'; }
-step "qob ls photo.qob   # data offsets of the image's files, and the package size, before"
+# Offset and name of every entry but the manifests, from the listing meant for scripts (names
+# may hold spaces: no splitting on them).
+offsets() {
+  "$qob" ls --json photo.qob | python3 -c '
+import json, sys
+for entry in json.load(sys.stdin)["entries"]:
+    if not entry["name"].startswith("manifest"):
+        print(entry["dataOffset"], entry["name"])'
+}
+run ls photo.qob
+step "qob ls --json photo.qob | (offset and name of each file)   # and the package size, before"
 offsets
 before_offsets=$(offsets)
 before_size=$(stat -c %s photo.qob)
@@ -43,7 +52,7 @@ echo "size: $before_size bytes"
 
 printf '<x:xmpmeta><Exposure>+0.70</Exposure><Contrast>12</Contrast><Crop>0 0 1 1</Crop></x:xmpmeta>\n' >settings.xmp
 run update photo.qob --settings settings.xmp
-step "qob ls photo.qob   # after: the new settings fit their reserved space"
+step "qob ls --json photo.qob | (offset and name of each file)   # after: the settings fit"
 offsets
 after_size=$(stat -c %s photo.qob)
 echo "size: $after_size bytes"
@@ -60,4 +69,9 @@ run extract photo.qob out
 step "find out -type f"
 (cd out && find . -type f | sort)
 run rm photo.qob Quillmarsh/Settings1680/IMG_0001.CR3.msk
+step "qob rm photo.qob IMG_0001.CR3   # refused: the package would no longer open"
+"$qob" rm photo.qob IMG_0001.CR3 2>&1 || echo "(exit status $?)"
 run check photo.qob
+run verify photo.qob
+step "qob check settings.xmp   # a negative answer, on standard error"
+"$qob" check settings.xmp 2>&1 || echo "(exit status $?)"

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Sets up a fresh machine and runs every test: the native build, the Windows build under
 # Wine, and the native build again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Then it builds (without running) the Release configuration and the fuzzers (clang), so
+# that the ways people build keep building. Warnings are errors throughout.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${QOB_BUILD_DIR:-$root/build}
 jobs=${QOB_JOBS:-$(nproc)}
 
-"$root/scripts/install-deps.sh"
+QOB_WITH_FUZZ=1 "$root/scripts/install-deps.sh"
 
 export WINEPREFIX=${WINEPREFIX:-$build/wineprefix}
 export CTEST_OUTPUT_ON_FAILURE=1
@@ -15,7 +17,7 @@ export CTEST_OUTPUT_ON_FAILURE=1
 configure_and_build() {
   local dir=$1
   shift
-  cmake -S "$root" -B "$dir" -DQOB_BUILD_TESTS=ON "$@"
+  cmake -S "$root" -B "$dir" -DQOB_BUILD_TESTS=ON -DQOB_WERROR=ON "$@"
   cmake --build "$dir" -j "$jobs"
 }
 
@@ -41,6 +43,12 @@ run_suite "windows (qob.dll under Wine)" "$build/windows"
 configure_and_build "$build/sanitize" -DQOB_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite "native with address,undefined sanitizers" "$build/sanitize"
+
+echo "=== Release build ==="
+configure_and_build "$build/release" -DCMAKE_BUILD_TYPE=Release || failed+=("Release build")
+echo "=== fuzz build (clang, libFuzzer) ==="
+configure_and_build "$build/fuzz" -DQOB_FUZZ=ON -DCMAKE_C_COMPILER=clang \
+  -DCMAKE_CXX_COMPILER=clang++ || failed+=("fuzz build")
 
 # One at a time: each writes about 5 GiB.
 run_suite "packages past 2 GiB, Linux" "$build/native" -L big

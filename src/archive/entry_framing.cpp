@@ -5,6 +5,7 @@
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_results.hpp"
 #include "platform/platform.hpp"
+#include "support/dos_time.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
@@ -36,30 +37,20 @@ constexpr int kDefaultStrategy = 0;
 constexpr std::uint64_t kReadRound = std::uint64_t{1} << 30;
 
 std::uint32_t DosDateTime(const std::tm& time) {
-    auto year = static_cast<std::uint32_t>(time.tm_year);
-    if (year > 1980) {
-        year -= 1980;
-    } else if (year > 80) {
-        year -= 80;
-    }
-    const auto month = static_cast<std::uint32_t>(time.tm_mon);
-    const auto day = static_cast<std::uint32_t>(time.tm_mday);
-    const auto hour = static_cast<std::uint32_t>(time.tm_hour);
-    const auto minute = static_cast<std::uint32_t>(time.tm_min);
-    const auto second = static_cast<std::uint32_t>(time.tm_sec);
-    const std::uint32_t date = (year * 16 + month + 1) * 32 + day;
-    const std::uint32_t clock = (hour * 64 + minute) * 32 + second / 2;
-    return date * 65536 + clock;
+    return PackDosTime(static_cast<unsigned>(time.tm_year), static_cast<unsigned>(time.tm_mon),
+                       static_cast<unsigned>(time.tm_mday), static_cast<unsigned>(time.tm_hour),
+                       static_cast<unsigned>(time.tm_min), static_cast<unsigned>(time.tm_sec));
 }
 
 std::tm FromDosDateTime(std::uint32_t dos) {
+    const DosFields fields = UnpackDosTime(dos);
     std::tm time{};
-    time.tm_sec = static_cast<int>((dos & 0x1F) * 2);
-    time.tm_min = static_cast<int>((dos >> 5) & 0x3F);
-    time.tm_hour = static_cast<int>((dos >> 11) & 0x1F);
-    time.tm_mday = static_cast<int>((dos >> 16) & 0x1F);
-    time.tm_mon = static_cast<int>((dos >> 21) & 0x0F) - 1;
-    time.tm_year = static_cast<int>((dos >> 25) & 0x7F) + 1980;
+    time.tm_sec = static_cast<int>(fields.second);
+    time.tm_min = static_cast<int>(fields.minute);
+    time.tm_hour = static_cast<int>(fields.hour);
+    time.tm_mday = static_cast<int>(fields.day);
+    time.tm_mon = static_cast<int>(fields.month) - 1;
+    time.tm_year = static_cast<int>(fields.year);
     return time;
 }
 

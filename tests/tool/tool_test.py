@@ -22,6 +22,7 @@ SETTINGS = "Quillmarsh/Settings1680/"
 RAW = "IMG ü 0001.CR3"  # a space and a non-ASCII letter
 PACKAGE = "my packages/pkg é.qob"
 BASE = SETTINGS + RAW
+ISO_TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d"
 # entry in the package -> source file
 ENTRIES = {RAW: RAW, BASE + ".xmp": "edit.xmp", "Quillmarsh/Cache/Proxies/" + RAW + ".jpg":
            "preview.jpg", BASE + ".LA.lcc": "a.lcc", BASE + ".LB.lcc": "b.lcc",
@@ -58,14 +59,16 @@ class ToolCase(unittest.TestCase):
         result = subprocess.run(command, cwd=self.dir, capture_output=True, timeout=300)
         result.out = result.stdout.decode("utf-8", "replace")
         result.err = result.stderr.decode("utf-8", "replace")
-        self.assertEqual(result.returncode, expect,
-                         f"qob {' '.join(args)}\nstdout: {result.out}\nstderr: {result.err}")
+        self.assertIn(result.returncode, expect if isinstance(expect, tuple) else (expect,),
+                      f"qob {' '.join(args)}\nstdout: {result.out}\nstderr: {result.err}")
         return result
 
     def fail_tool(self, *args, code_name, expect=1):
-        """A failure: the exit status, one line on standard error naming the cause."""
-        lines = self.run_tool(*args, expect=expect).err.splitlines()
-        self.assertEqual(len(lines), 1, lines)
+        """A failure: the exit status, nothing on standard output, one line on standard error
+        naming the cause."""
+        result = self.run_tool(*args, expect=expect)
+        lines = result.err.splitlines()
+        self.assertEqual((len(lines), result.out), (1, ""), lines)
         self.assertIn(code_name, lines[0])
         return lines[0]
 
@@ -80,10 +83,17 @@ class ToolCase(unittest.TestCase):
         return {f["path"]: f for f in info["files"]}
 
     def listing(self, package=PACKAGE):
-        """ls parsed: name -> (content, allocated, offset)."""
-        lines = self.run_tool("ls", package).out.splitlines()
-        self.assertIn(f"{len(lines) - 4} entries", lines[-2] + lines[-1])
-        return {line.split(None, 5)[5]: tuple(map(int, line.split()[:3])) for line in lines[2:-2]}
+        """ls --json: name -> (content, allocated, offset); the table agrees with it."""
+        entries = json.loads(self.run_tool("ls", "--json", package).out)["entries"]
+        table = self.run_tool("ls", package).out.splitlines()
+        self.assertEqual(table[-1].split()[2:], [str(len(entries)), "entries"])
+        for line, entry in zip(table[1:-1], entries):
+            self.assertTrue(line.endswith("  " + entry["name"]), line)  # spaces kept
+            if entry["time"] is not None:
+                self.assertRegex(entry["time"], ISO_TIME)
+                self.assertIn(entry["time"], line)
+        return {e["name"]: (e["contentSize"], e["allocatedSize"], e["dataOffset"])
+                for e in entries}
 
     def check_extracted(self, destination, expected):
         self.run_tool("extract", PACKAGE, destination)
@@ -103,12 +113,14 @@ class ToolCase(unittest.TestCase):
         for entry, source in ENTRIES.items():
             data, (content, allocated, offset) = self.sources[source], entries[entry]
             self.assertIn(entry, text)
+            self.assertRegex(files[entry]["time"], ISO_TIME)
             self.assertEqual(files[entry]["contentSize"], len(data), entry)
             self.assertEqual(files[entry]["dataOffset"], offset, entry)
             self.assertEqual(package[offset:offset + allocated], data + bytes(allocated - content))
             self.assertEqual(allocated - content, 0 if entry == RAW else 100, entry)
             self.assertEqual(self.run_tool("cat", PACKAGE, entry).stdout, data, entry)
         self.check_extracted("out dir", ENTRIES)
+        self.assertIn("sound", self.run_tool("verify", PACKAGE).out)
 
     def test_update_in_place_and_profiles(self):
         self.create_full()
@@ -121,57 +133,130 @@ class ToolCase(unittest.TestCase):
         self.assertEqual({k: v[2] for k, v in self.listing().items()},
                          {k: v[2] for k, v in before.items()})
         self.assertEqual(self.run_tool("cat", PACKAGE, BASE + ".xmp").stdout, new_settings)
-        # A new profile is added to the list and can be looked up.
+        # A new profile is added to the list and can be looked up, with its time.
         self.write("c.lcc", b"third lcc")
         self.run_tool("update", PACKAGE, "--lcc", "LC=c.lcc", "--reserve", "64")
         lcc = self.run_tool("lcc", PACKAGE, "LC").out
         self.assertEqual([p in lcc for p in (BASE + ".LC.lcc", "9 bytes", "64 bytes")], [True] * 3)
+        self.assertRegex(lcc, "time: +" + ISO_TIME)
+        as_json = json.loads(self.run_tool("lcc", "--json", PACKAGE, "LC").out)
+        self.assertEqual(as_json, {**self.files()[BASE + ".LC.lcc"], "secondPath": as_json["secondPath"]})
         self.assertEqual([f["identifier"] for f in self.files().values() if f["kind"] == "lcc"],
                          ["LA", "LB", "LC"])
         # The companion files must exist; nothing at all to update is a usage error.
-        line = self.fail_tool("update", PACKAGE, "--proxy", "absent.jpg", code_name="absent.jpg")
-        self.assertIn("no such file", line)
+        line = self.fail_tool("update", PACKAGE, "--proxy", "absent.jpg", code_name="absent.jpg",
+                              expect=4)
+        self.assertIn("No such file or directory", line)
         self.run_tool("update", PACKAGE, expect=2)
+        self.assertEqual(self.run_tool("-q", "update", PACKAGE, "--lcc", "LC=c.lcc").out, "")
 
-    def test_check_remove_and_verbosity(self):
+    def test_check_and_verify_answers(self):
         self.create_full()
-        self.assertIn("an image package", self.run_tool("check", PACKAGE).out)
-        self.assertIn("not an image package", self.run_tool("check", "edit.xmp", expect=1).out)
-        self.assertIn("PACKAGE_NOT_FOUND", self.run_tool("check", "none.qob", expect=1).out)
-        self.run_tool("rm", PACKAGE, BASE + ".msk")
+        good = (self.dir / PACKAGE).read_bytes()
+        # (file, exit status, where the text answer goes, what it says)
+        answers = [(PACKAGE, 0, "out", "an image package"),
+                   ("edit.xmp", 3, "err", "not an image package"),
+                   ("none.qob", 4, "err", "none.qob: No such file or directory")]
+        for name, status, stream, text in answers:
+            result = self.run_tool("check", name, expect=status)
+            self.assertIn(text, getattr(result, stream))
+            self.assertEqual(getattr(result, "err" if stream == "out" else "out"), "")
+            self.assertEqual(self.run_tool("-q", "check", name, expect=status).out, "")
+            if status != 4:
+                answer = json.loads(self.run_tool("check", "--json", name, expect=status).out)
+                self.assertEqual((answer["package"], answer["imagePackage"]), (name, status == 0))
+        # Damage that verify finds: a flipped content byte, an entry no manifest names, a
+        # file a manifest names that is gone. Each time the package is restored first.
+        offset = self.listing()[BASE + ".xmp"][2]
+        damaged = bytearray(good)
+        damaged[offset] ^= 1
+
+        def add_stray():
+            with zipfile.ZipFile(self.dir / PACKAGE, "a") as archive:
+                archive.writestr("stray.txt", b"stray")
+
+        cases = [(lambda: (self.dir / PACKAGE).write_bytes(damaged), BASE + ".xmp"),
+                 (add_stray, "stray.txt"),
+                 (lambda: self.run_tool("rm", "--force", PACKAGE, RAW), "cannot read the package")]
+        for damage, named in cases:
+            (self.dir / PACKAGE).write_bytes(good)
+            damage()
+            result = self.run_tool("verify", PACKAGE, expect=1)
+            self.assertTrue(result.err.splitlines()[-1].endswith(PACKAGE + ": damaged"))
+            self.assertIn(named, result.err)
+            report = json.loads(self.run_tool("verify", "--json", PACKAGE, expect=1).out)
+            self.assertFalse(report["sound"])
+            unsound = [e["name"] for e in report["entries"] if not e["sound"]]
+            self.assertIn(named, json.dumps(report["problems"] + unsound, ensure_ascii=False))
+        (self.dir / PACKAGE).write_bytes(good)
+        report = json.loads(self.run_tool("verify", "--json", PACKAGE).out)
+        self.assertEqual((report["sound"], report["problems"]), (True, []))
+        self.assertTrue(all(e["sound"] for e in report["entries"]))
+
+    def test_rm_refuses_what_it_cannot_do_and_changes_nothing(self):
+        self.create_full()
+        with zipfile.ZipFile(self.dir / "album.zip", "w") as archive:
+            archive.writestr("a.txt", b"text")
+        refusals = [("album.zip", "a.txt", 3, "not an image package"),
+                    (PACKAGE, "manifest.xml", 1, "refusing"),
+                    (PACKAGE, RAW, 1, "refusing to remove the raw image"),
+                    (PACKAGE, "absent.bin", 4, "no entry"),
+                    (PACKAGE, (BASE + ".msk").upper(), 4, "no entry"),
+                    ("none.qob", RAW, 4, "No such file or directory")]
+        for package, entry, status, text in refusals:
+            before = (self.dir / package).read_bytes() if package != "none.qob" else None
+            self.assertIn(text, self.fail_tool("rm", package, entry, code_name=package,
+                                               expect=status))
+            if before is not None:
+                self.assertEqual((self.dir / package).read_bytes(), before, entry)
+        self.assertEqual(self.run_tool("rm", PACKAGE, BASE + ".msk").out,
+                         f"removed {BASE}.msk from {PACKAGE}\n")
         self.assertNotIn(BASE + ".msk", self.listing())
         self.assertNotIn("mask", [f["kind"] for f in self.files().values()])
-        self.fail_tool("rm", PACKAGE, BASE + ".msk", code_name="FILE_NOT_IN_PACKAGE (-2)")
+        self.assertEqual(self.run_tool("-q", "rm", "--force", PACKAGE, RAW).out, "")
+        self.assertNotIn(RAW, self.listing())
+
+    def test_verbosity(self):
+        self.create_full()
         self.assertNotIn("[QOB]", self.run_tool("info", PACKAGE).err)
         self.assertIn("[QOB][TRACE]", self.run_tool("-vvv", "info", PACKAGE).err)
         self.assertNotIn("[QOB][TRACE]", self.run_tool("-v", "info", PACKAGE).err)
         # With -v the library's error trail is shown; the summary line comes last.
-        verbose = self.run_tool("--verbose", "info", "none.qob", expect=1).err.splitlines()
-        self.assertTrue(len(verbose) > 1 and verbose[-1].startswith("qob info: QOB_GetPackage"))
+        self.write("plain.zip", b"PK\x05\x06" + bytes(18))
+        verbose = self.run_tool("--verbose", "info", "plain.zip", expect=3).err.splitlines()
+        self.assertTrue(len(verbose) > 1 and verbose[-1].startswith("qob info: plain.zip: "))
 
     def test_failures_and_usage(self):
         line = self.fail_tool("create", "new.qob", "--raw", "absent.CR3",
-                              code_name="FILE_NOT_FOUND (-1)")
-        self.assertIn("failed to add raw image to package", line)
+                              code_name="absent.CR3: No such file or directory", expect=4)
         self.assertFalse((self.dir / "new.qob").exists())
         self.run_tool("create", "new.qob", "--raw", RAW)
-        failures = [(["create", "new.qob", "--raw", RAW], "CANNOT_REMOVE_FILE"),
-                    (["ls", "none.qob"], "none.qob"), (["lcc", "new.qob", "XX"], "FILE_NOT_IN"),
-                    (["cat", "new.qob", "nope.bin"], "FILE_NOT_IN_PACKAGE"),
-                    (["create", "x" * 300 + ".qob", "--raw", RAW], "too long")]
-        failures += [(args, "PACKAGE_NOT_FOUND (-8)") for args in (
-            ["info", "none.qob"], ["update", "none.qob", "--settings", "edit.xmp"],
-            ["extract", "none.qob", "d"], ["lcc", "none.qob", "LA"], ["cat", "none.qob", RAW],
-            ["rm", "none.qob", RAW])]
-        for args, code_name in failures:
-            self.fail_tool(*args, code_name=code_name)
-        self.assertIn("commands:", self.run_tool("--help").out)
+        failures = [(["create", "new.qob", "--raw", RAW], "new.qob: File exists", 1),
+                    (["lcc", "new.qob", "XX"], "XX", 4), (["cat", "new.qob", "nope.bin"], "nope", 4),
+                    (["create", "x" * 300 + ".qob", "--raw", RAW], "too long", 1),
+                    (["info", "edit.xmp"], "edit.xmp: ", 3), (["ls", "edit.xmp"], "edit.xmp: ", 3),
+                    (["info", "my packages"], "my packages: Is a directory", 1),
+                    (["extract", "new.qob", "edit.xmp"], "edit.xmp: ", 1)]
+        failures += [(args, "none.qob: No such file or directory", 4) for args in (
+            ["info", "none.qob"], ["ls", "none.qob"], ["verify", "none.qob"],
+            ["update", "none.qob", "--settings", "edit.xmp"], ["extract", "none.qob", "d"],
+            ["lcc", "none.qob", "LA"], ["cat", "none.qob", RAW], ["rm", "none.qob", RAW])]
+        if hasattr(os, "geteuid") and os.geteuid() != 0:  # root ignores permissions
+            (self.dir / "new.qob").chmod(0o444)
+            failures.append((["update", "new.qob", "--settings", "edit.xmp"],
+                             "new.qob: Permission denied", 1))
+        for args, text, status in failures:
+            self.fail_tool(*args, code_name=text, expect=status)
+        overview = self.run_tool("--help").out
+        self.assertTrue("commands:" in overview and "exit status:" in overview)
+        self.assertRegex(self.run_tool("--version").out, r"^qob \d+\.\d+\.\d+\n$")
         self.run_tool(expect=2)
-        for command in ("create", "update", "info", "ls", "lcc", "check", "extract", "cat", "rm"):
+        for command in ("create", "update", "info", "ls", "lcc", "check", "verify", "extract",
+                        "cat", "rm"):
             self.assertIn("usage: qob " + command, self.run_tool(command, "--help").out)
         create = ["create", "p.qob", "--raw", RAW]
         for args in (["frobnicate"], ["info"], ["info", "a", "b"], ["info", "--bogus", "a"],
-                     create[:2], create[:3], create + ["--reserve", "-5"], ["ls", "--json", "p"],
+                     create[:2], create[:3], create + ["--reserve", "-5"], ["cat", "--json", "p"],
                      create + ["--lcc", "noid"], create + ["--icc", "=x.icc"]):
             self.fail_tool(*args, code_name="", expect=2)
         self.assertFalse((self.dir / "p.qob").exists())
@@ -195,8 +280,9 @@ class ToolCase(unittest.TestCase):
                      good[:central + 28] + b"\xff\xff" + good[central + 30:],  # long name
                      good[:end + 16] + b"\xff\xff\xff\xff" + good[end + 20:]):  # zip64 marker
             self.write("hostile.zip", data)
-            self.fail_tool("ls", "hostile.zip", code_name="hostile.zip")
-            self.run_tool("cat", "hostile.zip", "a.txt", expect=1)
+            self.fail_tool("ls", "hostile.zip", code_name="hostile.zip", expect=3)
+            self.run_tool("cat", "hostile.zip", "a.txt", expect=(1, 3, 4))
+            self.run_tool("verify", "hostile.zip", expect=3)
 
 
 class WineCase(ToolCase):
@@ -206,7 +292,8 @@ class WineCase(ToolCase):
         self.create_full()
         self.assertEqual(sorted(self.files()), sorted(ENTRIES))
         self.check_extracted("out dir", ENTRIES)
-        self.fail_tool("info", "none.qob", code_name="PACKAGE_NOT_FOUND (-8)")
+        self.fail_tool("info", "none.qob", code_name="none.qob: No such file or directory",
+                       expect=4)
 
 
 def main():

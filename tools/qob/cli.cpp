@@ -2,6 +2,8 @@
 
 #include "library_log.hpp"
 
+#include "core/package_inspect.hpp"
+
 #include <charconv>
 #include <cstdio>
 
@@ -107,15 +109,14 @@ void CopyField(char (&field)[QOB_MAX_PATH], std::string_view text, std::string_v
     field[text.size()] = '\0';
 }
 
-std::string DosTimeText(std::uint32_t dosTime) {
-    if (dosTime == 0) {
-        return "-";
-    }
-    const unsigned date = dosTime >> 16, time = dosTime & 0xFFFF;
-    char text[32];
-    std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", 1980 + (date >> 9),
-                  (date >> 5) & 15, date & 31, time >> 11, (time >> 5) & 63, (time & 31) * 2);
-    return text;
+std::string TimeText(std::uint32_t dosTime) {
+    const std::string text = QOB::Inspect::IsoTime(dosTime);
+    return text.empty() ? "-" : text;
+}
+
+std::string TimeJson(std::uint32_t dosTime) {
+    const std::string text = QOB::Inspect::IsoTime(dosTime);
+    return text.empty() ? "null" : JsonString(text);
 }
 
 namespace {

@@ -51,8 +51,10 @@ std::pair<std::string, std::string> SplitIdAndFile(std::string_view text, std::s
 // Copies text into a record's path field, or throws ToolError when it does not fit.
 void CopyField(char (&field)[QOB_MAX_PATH], std::string_view text, std::string_view what);
 
-// "YYYY-MM-DD HH:MM:SS" from a DOS date (high 16 bits) and time word; "-" for 0 (unknown).
-std::string DosTimeText(std::uint32_t dosTime);
+// ISO 8601 text with the local offset of an entry's time word; "-" when it has none.
+std::string TimeText(std::uint32_t dosTime);
+// The same as a JSON value: a string, or null when there is no time.
+std::string TimeJson(std::uint32_t dosTime);
 
 // A JSON string literal, quotes included. Bytes that are not UTF-8 become U+FFFD.
 std::string JsonString(std::string_view text);

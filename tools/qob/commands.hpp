@@ -1,5 +1,5 @@
-// The subcommands. Each takes the arguments after its name and returns the exit status;
-// failures are thrown as ToolError (status 1) or UsageError (status 2).
+// The subcommands. Each takes the arguments after its name and whether -q was given, and
+// returns the exit status; failures are thrown as ToolError or UsageError.
 #pragma once
 
 #include <string>
@@ -13,15 +13,16 @@ using Args = std::vector<std::string>;
 // settings of a heavily edited image to grow without moving.
 inline constexpr unsigned kDefaultSettingsReserve = 16384;
 
-int RunCreate(const Args& args);
-int RunUpdate(const Args& args);
-int RunRemove(const Args& args);
+int RunCreate(const Args& args, bool quiet);
+int RunUpdate(const Args& args, bool quiet);
+int RunRemove(const Args& args, bool quiet);
 
-int RunInfo(const Args& args);
-int RunList(const Args& args);
-int RunLcc(const Args& args);
-int RunCheck(const Args& args);
-int RunExtract(const Args& args);
-int RunCat(const Args& args);
+int RunInfo(const Args& args, bool quiet);
+int RunList(const Args& args, bool quiet);
+int RunLcc(const Args& args, bool quiet);
+int RunCheck(const Args& args, bool quiet);
+int RunVerify(const Args& args, bool quiet);
+int RunExtract(const Args& args, bool quiet);
+int RunCat(const Args& args, bool quiet);
 
 } // namespace qobtool

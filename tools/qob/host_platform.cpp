@@ -1,5 +1,9 @@
 #include "host_platform.hpp"
 
+#include "support/utf8_path.hpp"
+
+#include <filesystem>
+
 #ifdef _WIN32
 // windows.h first: shellapi.h builds on it.
 #include <windows.h>
@@ -9,6 +13,7 @@
 #include <shellapi.h>
 
 #include <cstdio>
+#include <cstring>
 #endif
 
 namespace qobtool {
@@ -51,6 +56,11 @@ void PrepareStandardStreams() {
     SetConsoleOutputCP(CP_UTF8);
 }
 
+std::FILE* OpenFile(const std::string& utf8Name, const char* mode) {
+    const std::wstring wideMode(mode, mode + std::strlen(mode));
+    return _wfopen(QOB::PathFromUtf8(utf8Name).c_str(), wideMode.c_str());
+}
+
 #else
 
 std::vector<std::string> Utf8Arguments(int argc, char** argv) {
@@ -59,6 +69,15 @@ std::vector<std::string> Utf8Arguments(int argc, char** argv) {
 
 void PrepareStandardStreams() {}
 
+std::FILE* OpenFile(const std::string& utf8Name, const char* mode) {
+    return std::fopen(utf8Name.c_str(), mode);
+}
+
 #endif
+
+bool IsDirectory(const std::string& utf8Name) {
+    std::error_code error;
+    return std::filesystem::is_directory(QOB::PathFromUtf8(utf8Name), error);
+}
 
 } // namespace qobtool

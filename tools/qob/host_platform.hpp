@@ -2,9 +2,8 @@
 // standard output carries bytes, and how UTF-8 text names a file.
 #pragma once
 
-#include <filesystem>
+#include <cstdio>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace qobtool {
@@ -15,13 +14,9 @@ std::vector<std::string> Utf8Arguments(int argc, char** argv);
 // Standard output passes bytes through unchanged, and the console shows UTF-8.
 void PrepareStandardStreams();
 
-inline std::filesystem::path PathFromUtf8(std::string_view text) {
-    return std::filesystem::path(std::u8string(text.begin(), text.end()));
-}
+// fopen for a UTF-8 file name; errno says why on failure.
+std::FILE* OpenFile(const std::string& utf8Name, const char* mode);
 
-inline std::string PathToUtf8(const std::filesystem::path& path) {
-    const std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
+bool IsDirectory(const std::string& utf8Name);
 
 } // namespace qobtool

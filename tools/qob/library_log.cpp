@@ -1,6 +1,11 @@
 #include "library_log.hpp"
 
+#include "core/package_inspect.hpp"
+#include "host_platform.hpp"
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 
 namespace qobtool {
@@ -8,6 +13,7 @@ namespace {
 
 struct SinkState {
     int verbosity = 0;
+    bool quiet = false;
     std::string lastErrors; // the ERROR and FATAL lines of the current call, one per line
 };
 
@@ -18,7 +24,7 @@ void Sink(int level, const char* text, void* user) {
     if (level <= 1) {
         state->lastErrors.append(text).push_back('\n');
     }
-    const bool show = level == 2 || (level <= 1 && state->verbosity >= 1) ||
+    const bool show = (level == 2 && !state->quiet) || (level <= 1 && state->verbosity >= 1) ||
                       (level >= 3 && level <= 2 + state->verbosity);
     if (show) {
         std::fprintf(stderr, "%s\n", text);
@@ -27,50 +33,12 @@ void Sink(int level, const char* text, void* user) {
 
 } // namespace
 
-void InstallLogSink(int verbosity) {
+void InstallLogSink(int verbosity, bool quiet) {
     g_state.verbosity = verbosity;
+    g_state.quiet = quiet;
     QOB_SetLogFn(&Sink, &g_state);
-}
-
-const char* ResultName(int code) noexcept {
-    switch (code) {
-    case SUCCESS:
-        return "SUCCESS";
-    case FILE_NOT_FOUND:
-        return "FILE_NOT_FOUND";
-    case FILE_NOT_IN_PACKAGE:
-        return "FILE_NOT_IN_PACKAGE";
-    case DIRECTORY_DOESNOT_EXIST:
-        return "DIRECTORY_DOESNOT_EXIST";
-    case CREATE_DIRECTORY:
-        return "CREATE_DIRECTORY";
-    case EXTRACT_FILE:
-        return "EXTRACT_FILE";
-    case INVALID_POINTER:
-        return "INVALID_POINTER";
-    case INVALID_PARAMETER:
-        return "INVALID_PARAMETER";
-    case PACKAGE_NOT_FOUND:
-        return "PACKAGE_NOT_FOUND";
-    case CANNOT_OPEN_FILE_PCK:
-        return "CANNOT_OPEN_FILE_PCK";
-    case CANNOT_READ_FILE_PCK:
-        return "CANNOT_READ_FILE_PCK";
-    case FILE_COUNT_EXCEEDS_MAX:
-        return "FILE_COUNT_EXCEEDS_MAX";
-    case PACKAGEVERSION_NOT_SUPPORTED:
-        return "PACKAGEVERSION_NOT_SUPPORTED";
-    case CANNOT_DELETE_INTERNAL_FILE:
-        return "CANNOT_DELETE_INTERNAL_FILE";
-    case CANNOT_REMOVE_FILE:
-        return "CANNOT_REMOVE_FILE";
-    case INTERNAL_INCONSISTENCY:
-        return "INTERNAL_INCONSISTENCY";
-    case FUNC_NOT_IMPL:
-        return "FUNC_NOT_IMPL";
-    default:
-        return "UNKNOWN_RESULT";
-    }
+    QOB::Inspect::SetLogSink(&Sink, &g_state);
+    BeginCall();
 }
 
 void BeginCall() {
@@ -102,16 +70,52 @@ std::string LastMessage(const char* function) {
     return found;
 }
 
-void Check(QobErrorCode_e result, const char* function) {
+std::string Describe(QobErrorCode_e result, const char* function) {
+    std::string message = LastMessage(function);
+    if (message.empty()) {
+        message = std::string(function) + " failed";
+    }
+    return std::string(QOB::Inspect::ResultName(result)) + ": " + message;
+}
+
+int StatusFor(QobErrorCode_e result, const std::string& package) {
+    switch (result) {
+    case PACKAGE_NOT_FOUND:
+        return kExitNotFound;
+    case CANNOT_OPEN_FILE_PCK:
+    case CANNOT_READ_FILE_PCK:
+    case PACKAGEVERSION_NOT_SUPPORTED:
+    case FILE_COUNT_EXCEEDS_MAX:
+        return kExitNotPackage;
+    case FILE_NOT_IN_PACKAGE:
+        // A missing manifest makes a zip that is no package; otherwise an entry is missing.
+        BeginCall();
+        return QOB_IsQob(package.c_str()) == SUCCESS ? kExitNotFound : kExitNotPackage;
+    default:
+        return kExitFailure;
+    }
+}
+
+void Check(QobErrorCode_e result, const char* function, const std::string& file) {
     if (result == SUCCESS) {
         return;
     }
-    std::string message = LastMessage(function);
-    if (message.empty()) {
-        message = "no message from the library";
+    const std::string message = file + ": " + Describe(result, function);
+    throw ToolError(message, StatusFor(result, file));
+}
+
+void RequireFile(const std::string& file, bool write) {
+    int error = 0;
+    if (IsDirectory(file)) {
+        error = EISDIR;
+    } else if (std::FILE* stream = OpenFile(file, write ? "r+b" : "rb")) {
+        std::fclose(stream);
+        return;
+    } else {
+        error = errno;
     }
-    throw ToolError(std::string(function) + " failed: " + ResultName(result) + " (" +
-                    std::to_string(static_cast<int>(result)) + "): " + message);
+    throw ToolError(file + ": " + std::strerror(error),
+                    error == ENOENT ? kExitNotFound : kExitFailure);
 }
 
 } // namespace qobtool

@@ -24,7 +24,7 @@ constexpr const char* kCompanionHelp =
 
 struct Command {
     std::string_view name;
-    int (*run)(const Args&);
+    int (*run)(const Args&, bool quiet);
     const char* usage;
     const char* summary;
     const char* details;
@@ -40,26 +40,55 @@ const Command kCommands[] = {
     {"info", &RunInfo, "info PKG [--json]",
      "the files the manifest names: paths, identifiers, sizes, offsets and times",
      "  --json            one JSON document instead of a table\n"},
-    {"ls", &RunList, "ls PKG", "every zip entry with its content size, allocated size and offset",
-     "  Read from the zip's central directory, manifests included.\n"},
-    {"lcc", &RunLcc, "lcc PKG ID", "the lens cast calibration profile with identifier ID", ""},
-    {"check", &RunCheck, "check PKG", "whether PKG is an image package (exit status 0 if so)", ""},
+    {"ls", &RunList, "ls PKG [--json]",
+     "every zip entry with its content size, allocated size and offset",
+     "  Read from the zip's central directory, manifests included. The name is the last\n"
+     "  column and may contain spaces; --json is the form for scripts.\n"
+     "  --json            one JSON document instead of a table\n"},
+    {"lcc", &RunLcc, "lcc PKG ID [--json]", "the lens cast calibration profile with identifier ID",
+     "  --json            one JSON object instead of text\n"},
+    {"check", &RunCheck, "check PKG [--json]",
+     "whether PKG is an image package (exit status 0 if so, 3 if not)",
+     "  A negative answer goes to standard error; --json prints the answer on standard\n"
+     "  output either way.\n"
+     "  --json            one JSON object instead of text\n"},
+    {"verify", &RunVerify, "verify PKG [--json]",
+     "read every entry back and compare manifests and zip (exit status 0 if sound)",
+     "  Checks each entry's CRC-32 and zero padding, that every path a manifest names is in\n"
+     "  the zip, and that every entry but the manifests is named by a manifest. Problems go\n"
+     "  to standard error, one per line; a damaged package exits with status 1.\n"
+     "  --json            one JSON document instead of text (problems included)\n"},
     {"extract", &RunExtract, "extract PKG DIR",
      "write every file of the package (not the manifests) under DIR", ""},
     {"cat", &RunCat, "cat PKG ENTRY", "write one entry's content to standard output", ""},
-    {"rm", &RunRemove, "rm PKG ENTRY", "remove an entry from the package and its manifests", ""},
+    {"rm", &RunRemove, "rm PKG ENTRY [--force]",
+     "remove an entry from the package and its manifests",
+     "  The entry name must match exactly. PKG must be an image package.\n"
+     "  --force           remove even the raw image or manifest.xml (the package will no\n"
+     "                    longer open)\n"},
 };
 
+constexpr const char* kExitHelp =
+    "exit status:\n"
+    "  0  success (check: an image package; verify: sound)\n"
+    "  1  failure (verify: a damaged package); one line on standard error says why\n"
+    "  2  usage error\n"
+    "  3  not an image package\n"
+    "  4  not found: the package, a named file, an entry or an LCC identifier\n";
+
 void PrintOverview(std::FILE* out) {
-    std::fprintf(out, "usage: qob [-v|-vv|-vvv] COMMAND [ARGS]\n\ncommands:\n");
+    std::fprintf(out, "usage: qob [-q] [-v|-vv|-vvv] COMMAND [ARGS]\n"
+                      "       qob --version | --help\n\ncommands:\n");
     for (const Command& command : kCommands) {
         std::fprintf(out, "  %-8.*s %s\n", static_cast<int>(command.name.size()),
                      command.name.data(), command.summary);
     }
-    std::fprintf(out, "\nRun 'qob COMMAND --help' for a command's options.\n"
-                      "-v shows the library's INFO lines, -vv DEBUG, -vvv TRACE; warnings are\n"
-                      "always shown. A failure prints one line to standard error and exits with\n"
-                      "status 1; a usage error exits with status 2.\n");
+    std::fprintf(out,
+                 "\nRun 'qob COMMAND --help' for a command's options.\n"
+                 "-q prints nothing on success and hides the library's warnings.\n"
+                 "-v shows the library's INFO lines, -vv DEBUG, -vvv TRACE.\n"
+                 "Times are ISO 8601 with the local offset.\n\n%s",
+                 kExitHelp);
 }
 
 void PrintHelp(const Command& command) {
@@ -69,14 +98,17 @@ void PrintHelp(const Command& command) {
     }
 }
 
-// Removes -v, -vv, -vvv and --verbose (before any "--") and returns how many v's there were.
-int TakeVerbosity(Args& args) {
+// Removes -q/--quiet, -v, -vv, -vvv and --verbose (before any "--") and returns how many
+// v's there were.
+int TakeVerbosity(Args& args, bool& quiet) {
     int verbosity = 0;
     Args rest;
     bool optionsEnded = false;
     for (const std::string& arg : args) {
         optionsEnded = optionsEnded || arg == "--";
-        if (!optionsEnded && arg == "--verbose") {
+        if (!optionsEnded && (arg == "-q" || arg == "--quiet")) {
+            quiet = true;
+        } else if (!optionsEnded && arg == "--verbose") {
             ++verbosity;
         } else if (!optionsEnded && arg.size() >= 2 && arg[0] == '-' &&
                    arg.find_first_not_of('v', 1) == std::string::npos) {
@@ -103,10 +135,15 @@ bool WantsHelp(const Args& args) {
 
 int Main(Args args) {
     args.erase(args.begin());
-    const int verbosity = TakeVerbosity(args);
+    bool quiet = false;
+    const int verbosity = TakeVerbosity(args, quiet);
     if (args.empty()) {
         PrintOverview(stderr);
-        return 2;
+        return kExitUsage;
+    }
+    if (args[0] == "--version") {
+        std::printf("qob %s\n", QOB_VERSION_TEXT);
+        return kExitSuccess;
     }
     if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
         PrintOverview(stdout);
@@ -120,27 +157,27 @@ int Main(Args args) {
     }
     if (command == nullptr) {
         std::fprintf(stderr, "qob: unknown command '%s' (see qob --help)\n", args[0].c_str());
-        return 2;
+        return kExitUsage;
     }
     args.erase(args.begin());
     if (WantsHelp(args)) {
         PrintHelp(*command);
         return 0;
     }
-    InstallLogSink(verbosity);
+    InstallLogSink(verbosity, quiet);
     const std::string name(command->name);
     try {
-        return command->run(args);
+        return command->run(args, quiet);
     } catch (const UsageError& e) {
         std::fprintf(stderr, "qob %s: %s (see qob %s --help)\n", name.c_str(), e.what(),
                      name.c_str());
-        return 2;
+        return kExitUsage;
     } catch (const ToolError& e) {
         std::fprintf(stderr, "qob %s: %s\n", name.c_str(), e.what());
-        return 1;
+        return e.status();
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qob %s: %s\n", name.c_str(), e.what());
-        return 1;
+        return kExitFailure;
     }
 }
 

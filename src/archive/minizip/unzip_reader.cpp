@@ -1,6 +1,7 @@
 // The zip reader: opening an archive, walking its central directory, locating entries and
 // reporting their information.
 #include "archive/minizip/unzip_state.hpp"
+#include "support/dos_time.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -185,14 +186,14 @@ int Locate(UnzReader& reader, const char* name) {
 }
 
 tm_unz ToTime(std::uint32_t dosDate) noexcept {
-    const std::uint32_t date = dosDate >> 16;
+    const DosFields fields = UnpackDosTime(dosDate);
     tm_unz t{};
-    t.tm_mday = date & 0x1F;
-    t.tm_mon = ((date >> 5) & 0x0F) - 1; // a month of 0 wraps, as it always did
-    t.tm_year = ((date >> 9) & 0x7F) + 1980;
-    t.tm_hour = (dosDate >> 11) & 0x1F;
-    t.tm_min = (dosDate >> 5) & 0x3F;
-    t.tm_sec = 2 * (dosDate & 0x1F);
+    t.tm_mday = fields.day;
+    t.tm_mon = fields.month - 1; // a month of 0 wraps, as it always did
+    t.tm_year = fields.year;
+    t.tm_hour = fields.hour;
+    t.tm_min = fields.minute;
+    t.tm_sec = fields.second;
     return t;
 }
 

@@ -3,6 +3,7 @@
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/crc32.hpp"
 #include "archive/minizip/zip_writer_state.hpp"
+#include "support/dos_time.hpp"
 
 #include <new>
 
@@ -13,18 +14,8 @@ constexpr std::size_t kDeflateOutput = 65536;
 constexpr std::uint32_t kMaxField = 0xFFFF;
 constexpr std::uint64_t kMaxSize = 0xFFFFFFFF;
 
-// DOS date in the high 16 bits, time in the low 16. Years may be given in full or as
-// years since 1900.
 std::uint32_t ToDosDate(const tm_zip& t) noexcept {
-    unsigned year = t.tm_year;
-    if (year > 1980) {
-        year -= 1980;
-    } else if (year > 80) {
-        year -= 80;
-    }
-    const std::uint32_t date = ((year * 16 + t.tm_mon + 1) * 32 + t.tm_mday) & 0xFFFF;
-    const std::uint32_t time = ((t.tm_hour * 64 + t.tm_min) * 32 + t.tm_sec / 2) & 0xFFFF;
-    return (date << 16) | time;
+    return PackDosTime(t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
 }
 
 int WriteDeflateOutput(ZipWriter& writer, WriterEntry& entry) {
