@@ -2,6 +2,7 @@
 // lines, and the mapping of every exception to a result code.
 #pragma once
 
+#include "api/process_lock.hpp"
 #include "archive/defer.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
@@ -24,23 +25,6 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
                const char* name);
 
 inline constexpr float kSlowCallSeconds = 0.5f;
-
-// Holds the cross-process lock for one scope. A lock that exists but cannot be trusted or
-// taken fails the call: running unlocked because of it would let whoever caused it switch
-// serialisation off.
-class ProcessLockScope {
-public:
-    ProcessLockScope() {
-        std::string problem;
-        if (!Platform::ProcessLockAcquire(problem)) {
-            throw Exception(INTERNAL_INCONSISTENCY,
-                            Format("cannot take the cross-process lock: %s", problem.c_str()));
-        }
-    }
-    ~ProcessLockScope() { Platform::ProcessLockRelease(); }
-    ProcessLockScope(const ProcessLockScope&) = delete;
-    ProcessLockScope& operator=(const ProcessLockScope&) = delete;
-};
 
 template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) noexcept {
     try {

@@ -1,5 +1,6 @@
 #include "core/package_inspect.hpp"
 
+#include "api/process_lock.hpp"
 #include "archive/archive.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_reader.hpp"
@@ -19,15 +20,6 @@
 
 namespace QOB::Inspect {
 namespace {
-
-// The same lock the exports take: a package is never read while another call changes it.
-class LockScope {
-public:
-    LockScope() noexcept { Platform::ProcessLockAcquire(); }
-    ~LockScope() { Platform::ProcessLockRelease(); }
-    LockScope(const LockScope&) = delete;
-    LockScope& operator=(const LockScope&) = delete;
-};
 
 // Runs body, turning the library's exceptions into Failure.
 template <class Body> auto Translate(Body&& body) {
@@ -135,7 +127,7 @@ void SetLogSink(void (*fn)(int, const char*, void*), void* user) {
 
 std::vector<EntryReport> ListEntries(const std::string& package, bool check) {
     return Translate([&] {
-        LockScope lock;
+        const ProcessLockScope lock; // the same lock the exports take
         Archive archive(PathFromUtf8(package), true);
         return ListOpen(archive, check);
     });
@@ -143,7 +135,7 @@ std::vector<EntryReport> ListEntries(const std::string& package, bool check) {
 
 VerifyReport Verify(const std::string& package) {
     return Translate([&] {
-        LockScope lock;
+        const ProcessLockScope lock; // the same lock the exports take
         Archive archive(PathFromUtf8(package), true);
         VerifyReport report;
         report.entries = ListOpen(archive, true);
