@@ -6,6 +6,7 @@
 #include "archive/archive.hpp"
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
+#include "archive/transaction.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
 #include "support/exception.hpp"
@@ -26,10 +27,13 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
     if (szFilePathInPackage == nullptr) {
         throw Exception(INVALID_POINTER, "argument szFilePathInPackage is null");
     }
+    Transaction transaction(PathFromUtf8(szPackageFullPath), Transaction::Kind::Change);
     Archive archive(PathFromUtf8(szPackageFullPath), true);
     archive.Remove(Path(szFilePathInPackage));
     // Only this one manifest name ends the call here; other manifests are ordinary entries.
     if (std::strcmp(szFilePathInPackage, kManifestNames[kLastManifestRow]) == 0) {
+        archive.Close();
+        transaction.Commit();
         return;
     }
 
@@ -48,7 +52,8 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
         }
         PutManifestInZip(archive, text, kManifestNames[row], false);
     }
-    archive.Flush();
+    archive.Close();
+    transaction.Commit();
 }
 
 } // namespace QOB

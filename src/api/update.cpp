@@ -6,6 +6,7 @@
 #include "archive/archive.hpp"
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
+#include "archive/transaction.hpp"
 #include "package/entry_list.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
@@ -62,6 +63,7 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
         throw Exception(INVALID_POINTER, "argument is null");
     }
     RequireValid(*args);
+    Transaction transaction(PathFromUtf8(args->szPackagePath), Transaction::Kind::Change);
     Archive archive(PathFromUtf8(args->szPackagePath), true);
     const UpdateContext context{archive, std::string(ImageBaseName(args->info.files.raw))};
 
@@ -90,7 +92,8 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         PutManifestInZip(archive, ManifestText(args->info, row), kManifestNames[row], false);
     }
-    archive.Flush();
+    archive.Close();
+    transaction.Commit();
 }
 
 } // namespace QOB

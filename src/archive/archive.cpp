@@ -59,6 +59,9 @@ Archive::Archive(const std::filesystem::path& path, bool should_exist)
 }
 
 Archive::~Archive() {
+    if (!handle_) {
+        return;
+    }
     try {
         LogTrace(Format("Archive::[\"%s\"] closing", Name()));
         Flush();
@@ -73,6 +76,11 @@ const char* Archive::Name() const noexcept {
 void Archive::Flush() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
     handle_->Flush();
+}
+
+void Archive::Close() {
+    Flush();
+    handle_.reset();
 }
 
 std::vector<Entry> Archive::List() {

@@ -29,6 +29,8 @@ public:
     Archive& operator=(const Archive&) = delete;
 
     void Flush();
+    // Flushes and closes the file; the archive can do nothing more afterwards.
+    void Close();
 
     // Every entry, in central directory order.
     std::vector<Entry> List();

@@ -1,0 +1,257 @@
+#include "archive/transaction.hpp"
+
+#include "platform/platform.hpp"
+#include "support/exception.hpp"
+#include "support/format.hpp"
+#include "support/log.hpp"
+#include "support/utf8_path.hpp"
+
+#include <map>
+#include <mutex>
+
+namespace QOB {
+namespace {
+
+std::mutex g_registryMutex;
+std::map<std::filesystem::path, Transaction*>& Registry() {
+    static auto* registry = new std::map<std::filesystem::path, Transaction*>();
+    return *registry;
+}
+
+std::filesystem::path Key(const std::filesystem::path& package) {
+    std::error_code error;
+    std::filesystem::path absolute = std::filesystem::absolute(package, error);
+    return (error ? package : absolute).lexically_normal();
+}
+
+std::filesystem::path StagingPath(const std::filesystem::path& package) {
+    std::filesystem::path staging = package;
+    staging += "-partial";
+    return staging;
+}
+
+void RollBackLogged(const MiniZip::zlib_filefunc_def& io, const std::filesystem::path& package) {
+    if (RollBackFromJournal(io, package) == Recovery::RolledBack) {
+        LogWarn(Format("rolled back an interrupted change of package \"%s\"",
+                       PathToUtf8(package).c_str()));
+    }
+}
+
+} // namespace
+
+void RecoverInterruptedChange(const std::filesystem::path& package) {
+    RollBackLogged(MiniZip::FileFunctions(), package);
+}
+
+Transaction::Transaction(const std::filesystem::path& package, Kind kind)
+    : key_(Key(package)), package_(package), kind_(kind), base_(MiniZip::FileFunctions()) {
+    {
+        const std::lock_guard<std::mutex> lock(g_registryMutex);
+        if (Registry().count(key_) > 0) {
+            return; // nested: the outer transaction owns the change
+        }
+    }
+    RollBackLogged(base_, package_);
+    if (kind_ == Kind::Create) {
+        // A staging file can only be left by a create that died; under the machine-wide
+        // lock no other call is writing it.
+        staging_ = StagingPath(package_);
+        std::error_code error;
+        std::filesystem::remove(staging_, error);
+    }
+    const std::lock_guard<std::mutex> lock(g_registryMutex);
+    Registry()[key_] = this;
+    owner_ = true;
+}
+
+Transaction::~Transaction() {
+    if (!owner_) {
+        return;
+    }
+    if (!committed_) {
+        RollBack();
+    }
+    const std::lock_guard<std::mutex> lock(g_registryMutex);
+    Registry().erase(key_);
+}
+
+Transaction* Transaction::Find(const std::filesystem::path& package) {
+    const std::lock_guard<std::mutex> lock(g_registryMutex);
+    const auto found = Registry().find(Key(package));
+    return found != Registry().end() ? found->second : nullptr;
+}
+
+const std::filesystem::path& Transaction::File() const noexcept {
+    return kind_ == Kind::Create ? staging_ : package_;
+}
+
+MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
+    if (kind_ == Kind::Create) {
+        return base_; // a staged file is thrown away whole on failure
+    }
+    MiniZip::zlib_filefunc_def table = base_;
+    table.zopen_file = [](void* opaque, const char* name, int mode) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.zopen_file(self->base_.opaque, name, mode);
+    };
+    table.zread_file = [](void* opaque, void* stream, void* buffer, std::uint32_t size) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.zread_file(self->base_.opaque, stream, buffer, size);
+    };
+    table.zwrite_file = &Transaction::Write;
+    table.ztell_file = [](void* opaque, void* stream) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.ztell_file(self->base_.opaque, stream);
+    };
+    table.zseek_file = [](void* opaque, void* stream, std::uint32_t offset, int origin) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.zseek_file(self->base_.opaque, stream, offset, origin);
+    };
+    table.zclose_file = [](void* opaque, void* stream) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.zclose_file(self->base_.opaque, stream);
+    };
+    table.zerror_file = [](void* opaque, void* stream) {
+        const auto* self = static_cast<Transaction*>(opaque);
+        return self->base_.zerror_file(self->base_.opaque, stream);
+    };
+    table.ztruncate_file = &Transaction::Truncate;
+    table.opaque = this;
+    return table;
+}
+
+std::uint32_t Transaction::Write(void* opaque, void* stream, const void* buffer,
+                                 std::uint32_t size) {
+    auto* self = static_cast<Transaction*>(opaque);
+    long position = self->base_.ztell_file(self->base_.opaque, stream);
+    if (position == -1) {
+        return 0;
+    }
+    // Where long is 32 bits wide, positions from 2 GiB up arrive negative.
+    const auto offset = static_cast<std::uint32_t>(position);
+    if (!self->Protect(stream, offset)) {
+        return 0;
+    }
+    return self->base_.zwrite_file(self->base_.opaque, stream, buffer, size);
+}
+
+int Transaction::Truncate(void* opaque, void* stream, std::uint32_t newSize) {
+    auto* self = static_cast<Transaction*>(opaque);
+    if (!self->Protect(stream, newSize)) {
+        return -5;
+    }
+    return self->base_.ztruncate_file(self->base_.opaque, stream, newSize);
+}
+
+bool Transaction::Protect(void* stream, std::uint64_t offset) noexcept {
+    if (failed_ || committed_) {
+        return false;
+    }
+    try {
+        ProtectOrThrow(stream, offset);
+        return true;
+    } catch (...) {
+        // Nothing more may change: what the journal holds is all a rollback can restore.
+        failed_ = true;
+        return false;
+    }
+}
+
+void Transaction::ProtectOrThrow(void* stream, std::uint64_t offset) {
+    bool pending = false;
+    const bool first = !journal_;
+    if (first) {
+        const std::uint64_t original = std::filesystem::file_size(package_);
+        if (original > 0xFFFFFFFFu) {
+            throw Exception(INVALID_PARAMETER, "package too large to change");
+        }
+        journal_ = std::make_unique<JournalWriter>(base_, JournalPath(package_));
+        if (!journal_->Begin(original)) {
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+        }
+        low_ = original;
+        pending = true;
+    }
+    if (offset < low_) {
+        const long back = base_.ztell_file(base_.opaque, stream);
+        if (back == -1 || !journal_->Append(stream, static_cast<std::uint32_t>(offset),
+                                            static_cast<std::uint32_t>(low_ - offset),
+                                            static_cast<std::uint32_t>(back))) {
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+        }
+        low_ = offset;
+        pending = true;
+    }
+    if (pending) {
+        if (!journal_->Sync()) {
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+        }
+        if (first) {
+            // The journal's directory entry must be durable before the package changes.
+            Platform::SyncDirectory(package_.parent_path());
+        }
+    }
+}
+
+void Transaction::Commit() {
+    if (!owner_) {
+        return;
+    }
+    const std::filesystem::path directory = package_.parent_path();
+    if (kind_ == Kind::Create) {
+        if (!Platform::SyncFile(staging_)) {
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
+        }
+        switch (Platform::MoveNoReplace(staging_, package_)) {
+        case Platform::MoveResult::Moved:
+            break;
+        case Platform::MoveResult::TargetExists:
+            throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+        case Platform::MoveResult::Failed:
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to move package into place");
+        }
+        committed_ = true;
+        Platform::SyncDirectory(directory);
+        return;
+    }
+    if (!journal_) {
+        committed_ = true; // nothing was written
+        return;
+    }
+    if (failed_) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+    }
+    journal_->Close();
+    if (!Platform::SyncFile(package_)) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
+    }
+    // Deleting the journal is the commit.
+    std::error_code error;
+    if (!std::filesystem::remove(JournalPath(package_), error)) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to remove journal");
+    }
+    committed_ = true;
+    journal_.reset();
+    Platform::SyncDirectory(directory);
+}
+
+void Transaction::RollBack() noexcept {
+    try {
+        if (kind_ == Kind::Create) {
+            std::error_code error;
+            std::filesystem::remove(staging_, error);
+            return;
+        }
+        if (!journal_) {
+            return; // the package was never touched
+        }
+        journal_->Close();
+        journal_.reset();
+        RollBackFromJournal(base_, package_);
+        LogDebug(Format("rolled back the change of package \"%s\"", PathToUtf8(package_).c_str()));
+    } catch (...) {
+        // The journal stays: the next call on the package rolls back.
+    }
+}
+
+} // namespace QOB
