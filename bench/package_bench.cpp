@@ -1,6 +1,7 @@
 // Whole operations through the exports on packages of realistic sizes: reading the package
 // info, creating, rewriting the settings in place, removing the proxy, extracting it all.
 // Fixtures are written once per process into a scratch directory, outside the timed region.
+#include "platform/platform.hpp"
 #include "support/log.hpp"
 
 #include <qob/qob.h>
@@ -290,6 +291,14 @@ void BM_UpdateSettingsInPlace(benchmark::State& state) {
     fs::remove(package);
 }
 BENCHMARK(BM_UpdateSettingsInPlace)->Arg(2)->Arg(100)->Arg(200)->Unit(benchmark::kMicrosecond);
+
+// The same without the device flushes at the commit points: the difference is their cost.
+void BM_UpdateSettingsInPlaceWithoutFlush(benchmark::State& state) {
+    QOB::Platform::SetSyncEnabled(false);
+    BM_UpdateSettingsInPlace(state);
+    QOB::Platform::SetSyncEnabled(true);
+}
+BENCHMARK(BM_UpdateSettingsInPlaceWithoutFlush)->Arg(100)->Unit(benchmark::kMicrosecond);
 
 // (c') Settings that outgrow their reserved space: removed, compacting what follows, and
 // inserted again at the end. Each round starts from a fresh copy, made outside the timing.

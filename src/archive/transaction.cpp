@@ -31,6 +31,10 @@ std::filesystem::path StagingPath(const std::filesystem::path& package) {
 }
 
 void RollBackLogged(const MiniZip::zlib_filefunc_def& io, const std::filesystem::path& package) {
+    // A staging file can only be left by a create that died; under the machine-wide lock
+    // no other call is writing it.
+    std::error_code error;
+    std::filesystem::remove(StagingPath(package), error);
     if (RollBackFromJournal(io, package) == Recovery::RolledBack) {
         LogWarn(Format("rolled back an interrupted change of package \"%s\"",
                        PathToUtf8(package).c_str()));
@@ -53,11 +57,7 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
     }
     RollBackLogged(base_, package_);
     if (kind_ == Kind::Create) {
-        // A staging file can only be left by a create that died; under the machine-wide
-        // lock no other call is writing it.
         staging_ = StagingPath(package_);
-        std::error_code error;
-        std::filesystem::remove(staging_, error);
     }
     const std::lock_guard<std::mutex> lock(g_registryMutex);
     Registry()[key_] = this;

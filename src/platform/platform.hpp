@@ -36,6 +36,8 @@ int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept;
 // a directory durable (nothing to do where the system does it by itself).
 bool SyncFile(const std::filesystem::path& path) noexcept;
 bool SyncDirectory(const std::filesystem::path& directory) noexcept;
+// Tests of atomicity alone (thousands of calls) turn the device flushes off; on by default.
+void SetSyncEnabled(bool enabled) noexcept;
 
 enum class MoveResult { Moved, TargetExists, Failed };
 // Gives the file `from` the name `to` in one step, never replacing an existing `to`.

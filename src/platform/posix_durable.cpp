@@ -7,6 +7,14 @@
 #include <unistd.h>
 
 namespace QOB::Platform {
+
+namespace {
+bool g_syncEnabled = true;
+}
+
+void SetSyncEnabled(bool enabled) noexcept {
+    g_syncEnabled = enabled;
+}
 namespace {
 
 bool SyncPath(const char* name, int flags) noexcept {
@@ -28,10 +36,16 @@ bool SyncPath(const char* name, int flags) noexcept {
 } // namespace
 
 bool SyncFile(const std::filesystem::path& path) noexcept {
+    if (!g_syncEnabled) {
+        return true;
+    }
     return SyncPath(path.c_str(), O_RDONLY);
 }
 
 bool SyncDirectory(const std::filesystem::path& directory) noexcept {
+    if (!g_syncEnabled) {
+        return true;
+    }
     const char* name = directory.empty() ? "." : directory.c_str();
     return SyncPath(name, O_RDONLY | O_DIRECTORY);
 }

@@ -6,7 +6,18 @@
 
 namespace QOB::Platform {
 
+namespace {
+bool g_syncEnabled = true;
+}
+
+void SetSyncEnabled(bool enabled) noexcept {
+    g_syncEnabled = enabled;
+}
+
 bool SyncFile(const std::filesystem::path& path) noexcept {
+    if (!g_syncEnabled) {
+        return true;
+    }
     const HANDLE handle =
         ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
