@@ -251,10 +251,38 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
     if (length > kMaxEntrySize) {
         throw Exception(INTERNAL_INCONSISTENCY, "entry too large");
     }
+    // A rewrite of the bytes already there changes nothing, yet would cost a write, a
+    // journal record and a new central directory: manifests are mostly rewritten unchanged.
+    if (Holds(path, content, length)) {
+        return;
+    }
     void* zip = handle_->Zip();
     CheckZipResult(
         zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
     Flush();
+}
+
+bool Archive::Holds(const Path& path, const std::byte* content, std::size_t length) {
+    void* unzip = handle_->Unzip();
+    if (unzLocateFile(unzip, path.CStr()) != UNZ_OK) {
+        return false;
+    }
+    const Entry entry = GetCurrent(unzip);
+    // The lookup ignores letter case; a rewrite names its entry exactly.
+    if (entry.path != path.Sanitized() || entry.content_size != length ||
+        entry.allocated_size > kMaxEntrySize || unzOpenCurrentFile(unzip) != UNZ_OK) {
+        return false;
+    }
+    // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
+    const auto allocated = static_cast<std::size_t>(entry.allocated_size);
+    std::vector<std::byte> stored(allocated);
+    const int count = unzReadCurrentFile(unzip, stored.data(), static_cast<std::uint32_t>(allocated));
+    const bool same =
+        count >= 0 && static_cast<std::size_t>(count) == allocated &&
+        std::equal(content, content + length, stored.begin()) &&
+        std::all_of(stored.begin() + static_cast<std::ptrdiff_t>(length), stored.end(),
+                    [](std::byte b) { return b == std::byte{0}; });
+    return unzCloseCurrentFile(unzip) == UNZ_OK && same;
 }
 
 void Archive::Remove(const Path& path) {

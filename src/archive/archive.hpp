@@ -63,6 +63,8 @@ public:
 
 private:
     const char* Name() const noexcept;
+    // True when the entry, named exactly, already holds this content and zero padding.
+    bool Holds(const Path& path, const std::byte* content, std::size_t length);
 
     std::unique_ptr<MiniZip::Handle> handle_;
 };

@@ -232,7 +232,8 @@ void Transaction::Commit() {
     }
     committed_ = true;
     journal_.reset();
-    Platform::SyncDirectory(directory);
+    // The deletion is left to reach the disk in its own time: lost in a power cut, it would
+    // roll back this one call, which is still all or nothing.
 }
 
 void Transaction::RollBack() noexcept {
