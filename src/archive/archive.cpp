@@ -276,12 +276,12 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
     // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
     const auto allocated = static_cast<std::size_t>(entry.allocated_size);
     std::vector<std::byte> stored(allocated);
-    const int count = unzReadCurrentFile(unzip, stored.data(), static_cast<std::uint32_t>(allocated));
-    const bool same =
-        count >= 0 && static_cast<std::size_t>(count) == allocated &&
-        std::equal(content, content + length, stored.begin()) &&
-        std::all_of(stored.begin() + static_cast<std::ptrdiff_t>(length), stored.end(),
-                    [](std::byte b) { return b == std::byte{0}; });
+    const int count =
+        unzReadCurrentFile(unzip, stored.data(), static_cast<std::uint32_t>(allocated));
+    const bool same = count >= 0 && static_cast<std::size_t>(count) == allocated &&
+                      std::equal(content, content + length, stored.begin()) &&
+                      std::all_of(stored.begin() + static_cast<std::ptrdiff_t>(length),
+                                  stored.end(), [](std::byte b) { return b == std::byte{0}; });
     return unzCloseCurrentFile(unzip) == UNZ_OK && same;
 }
 
