@@ -1,11 +1,16 @@
 #include "archive/transaction.hpp"
 
+#include "archive/minizip/bytes.hpp"
+#include "archive/minizip/stream_access.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
 #include "support/utf8_path.hpp"
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <map>
 #include <mutex>
 
@@ -123,13 +128,13 @@ MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
 std::uint32_t Transaction::Write(void* opaque, void* stream, const void* buffer,
                                  std::uint32_t size) {
     auto* self = static_cast<Transaction*>(opaque);
-    long position = self->base_.ztell_file(self->base_.opaque, stream);
+    const long position = self->base_.ztell_file(self->base_.opaque, stream);
     if (position == -1) {
         return 0;
     }
     // Where long is 32 bits wide, positions from 2 GiB up arrive negative.
-    const auto offset = static_cast<std::uint32_t>(position);
-    if (!self->Protect(stream, offset)) {
+    const std::uint64_t offset = static_cast<std::uint32_t>(position);
+    if (!self->Protect(stream, offset, offset + size)) {
         return 0;
     }
     return self->base_.zwrite_file(self->base_.opaque, stream, buffer, size);
@@ -137,18 +142,18 @@ std::uint32_t Transaction::Write(void* opaque, void* stream, const void* buffer,
 
 int Transaction::Truncate(void* opaque, void* stream, std::uint32_t newSize) {
     auto* self = static_cast<Transaction*>(opaque);
-    if (!self->Protect(stream, newSize)) {
+    if (!self->Protect(stream, newSize, UINT64_MAX)) {
         return -5;
     }
     return self->base_.ztruncate_file(self->base_.opaque, stream, newSize);
 }
 
-bool Transaction::Protect(void* stream, std::uint64_t offset) noexcept {
+bool Transaction::Protect(void* stream, std::uint64_t begin, std::uint64_t end) noexcept {
     if (failed_ || committed_) {
         return false;
     }
     try {
-        ProtectOrThrow(stream, offset);
+        ProtectOrThrow(stream, begin, end);
         return true;
     } catch (...) {
         // Nothing more may change: what the journal holds is all a rollback can restore.
@@ -157,39 +162,74 @@ bool Transaction::Protect(void* stream, std::uint64_t offset) noexcept {
     }
 }
 
-void Transaction::ProtectOrThrow(void* stream, std::uint64_t offset) {
-    bool pending = false;
+std::uint64_t Transaction::DirectoryStart(void* stream) {
+    constexpr std::uint32_t kEndRecord = 22;
+    if (original_ < kEndRecord) {
+        return original_;
+    }
+    MiniZip::StreamAccess file(base_, stream);
+    const auto back = file.Tell();
+    std::uint8_t record[kEndRecord] = {};
+    const bool read = file.ReadAt(original_ - kEndRecord, record, kEndRecord);
+    if (!back || !file.SeekTo(*back)) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to seek");
+    }
+    const std::uint64_t size = MiniZip::Bytes::Get32(record + 12);
+    const std::uint64_t start = MiniZip::Bytes::Get32(record + 16);
+    if (!read || MiniZip::Bytes::Get32(record) != 0x06054B50 ||
+        start + size + kEndRecord != original_) {
+        return original_;
+    }
+    return start;
+}
+
+void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end) {
     const bool first = !journal_;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> wanted;
     if (first) {
-        const std::uint64_t original = std::filesystem::file_size(package_);
-        if (original > 0xFFFFFFFFu) {
+        original_ = std::filesystem::file_size(package_);
+        if (original_ > 0xFFFFFFFFu) {
             throw Exception(INVALID_PARAMETER, "package too large to change");
         }
         journal_ = std::make_unique<JournalWriter>(base_, JournalPath(package_));
-        if (!journal_->Begin(original)) {
+        if (!journal_->Begin(original_)) {
             throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
         }
-        low_ = original;
-        pending = true;
+        wanted.emplace_back(DirectoryStart(stream), original_);
     }
-    if (offset < low_) {
-        const long back = base_.ztell_file(base_.opaque, stream);
-        if (back == -1 || !journal_->Append(stream, static_cast<std::uint32_t>(offset),
-                                            static_cast<std::uint32_t>(low_ - offset),
-                                            static_cast<std::uint32_t>(back))) {
-            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+    wanted.emplace_back(begin, std::min(end, original_)); // growth needs no record
+    bool appended = false;
+    for (const auto& [from, to] : wanted) {
+        // The parts of [from, to) not saved yet, in order.
+        std::uint64_t cursor = from;
+        for (std::size_t i = 0; i <= saved_.size() && cursor < to; ++i) {
+            const std::uint64_t gapEnd = i < saved_.size() ? std::min(saved_[i].first, to) : to;
+            if (cursor < gapEnd) {
+                const long back = base_.ztell_file(base_.opaque, stream);
+                if (back == -1 ||
+                    !journal_->Append(stream, static_cast<std::uint32_t>(cursor),
+                                      static_cast<std::uint32_t>(gapEnd - cursor),
+                                      static_cast<std::uint32_t>(back))) {
+                    throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+                }
+                saved_.insert(saved_.begin() + static_cast<std::ptrdiff_t>(i), {cursor, gapEnd});
+                appended = true;
+                ++i;
+            }
+            if (i < saved_.size()) {
+                cursor = std::max(cursor, saved_[i].second);
+            }
         }
-        low_ = offset;
-        pending = true;
     }
-    if (pending) {
-        if (!journal_->Sync()) {
-            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
-        }
-        if (first) {
-            // The journal's directory entry must be durable before the package changes.
-            Platform::SyncDirectory(package_.parent_path());
-        }
+    if (!first && !appended) {
+        return;
+    }
+    if (!journal_->Sync()) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+    }
+    if (first) {
+        // The journal's directory entry must be durable before the package changes.
+        Platform::SyncDirectory(package_.parent_path());
     }
 }
 

@@ -4,8 +4,8 @@
 // A new package is written under a staging name beside its path and moved into place,
 // never over an existing file, only when complete. An existing package is changed in
 // place behind a rollback journal (archive/journal.hpp): the I/O table that archives opened
-// during the call use saves the original bytes of a region into the journal, durably,
-// before the first write below the lowest region saved so far, and before any truncate.
+// during the call use saves the original bytes of every region a write or truncate is about
+// to change into the journal, durably, the first time that region is touched.
 //
 // Transactions are registered by package path for the duration of the call, so that
 // every archive the call opens on that path (several, one after another or nested) writes
@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace QOB {
 
@@ -47,8 +49,12 @@ private:
     static std::uint32_t Write(void* opaque, void* stream, const void* buffer, std::uint32_t size);
     static int Truncate(void* opaque, void* stream, std::uint32_t newSize);
     // Journals what is needed before the package may change from `offset` onwards.
-    bool Protect(void* stream, std::uint64_t offset) noexcept;
-    void ProtectOrThrow(void* stream, std::uint64_t offset);
+    // Journals what is needed before the package's bytes [begin, end) may change.
+    bool Protect(void* stream, std::uint64_t begin, std::uint64_t end) noexcept;
+    void ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end);
+    // The central directory and end record, when the file ends with them: every change
+    // rewrites them, so they are saved with the first record and share its flush.
+    std::uint64_t DirectoryStart(void* stream);
     void RollBack() noexcept;
 
     std::filesystem::path key_;
@@ -60,7 +66,9 @@ private:
     bool failed_ = false;
     MiniZip::zlib_filefunc_def base_{};
     std::unique_ptr<JournalWriter> journal_;
-    std::uint64_t low_ = 0; // the package is saved in the journal from here to its end
+    std::uint64_t original_ = 0;
+    // Regions of the package saved in the journal, sorted and disjoint.
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> saved_;
 };
 
 // For calls outside any transaction: rolls back a change interrupted by a dead process,
