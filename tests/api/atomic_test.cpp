@@ -100,8 +100,7 @@ struct Contents {
     std::string raw = RandomBytes(300000, 1), proxy = RandomBytes(40000, 2),
                 settings = RandomBytes(3000, 3), mask = RandomBytes(9000, 4),
                 lcc = RandomBytes(700, 5), settingsSame = RandomBytes(3000, 6),
-                settingsBig = RandomBytes(12000, 7), lcc2 = RandomBytes(900, 8),
-                proxyHuge = RandomBytes(70000, 9);
+                settingsBig = RandomBytes(12000, 7), lcc2 = RandomBytes(900, 8);
 };
 const Contents& Data() {
     static const Contents contents;
@@ -469,6 +468,54 @@ TEST(AtomicCalls, SizeLimits) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_TRUE(ReadFile(small) == before);
     EXPECT_FALSE(fs::exists(Beside(small, "-journal")));
+}
+
+// Eight processes of a hundred calls each on one package (settings rewritten in place or
+// outgrowing their space, and reads): afterwards it is a valid zip for us and for unzip,
+// every entry reads back, and the manifests name what the zip holds.
+TEST(AtomicCalls, EightProcessesOnOnePackage) {
+    TempDir dir;
+    const fs::path package = dir / "p.qob";
+    ASSERT_EQ(Create(package), SUCCESS);
+    const std::size_t entries = Take(package).size();
+    std::vector<pid_t> children;
+    for (std::uint32_t p = 0; p < 8; ++p) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (std::uint32_t i = 0; i < 100; ++i) {
+                const std::string settings = RandomBytes((p + i) % 3 == 0 ? 500 : 3000 + i * 50, i);
+                const QobErrorCode_e result =
+                    (p + i) % 4 == 3 ? QOB_IsQob(package.string().c_str())
+                                     : Update(package, [&](QOB_ImageFiles& f) {
+                                           f.settings = FromMemory("IMG_1.xmp", settings, 100);
+                                       });
+                if (result != SUCCESS) {
+                    _exit(1);
+                }
+            }
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const Snapshot after = Take(package);
+    EXPECT_EQ(after.size(), entries);
+    EXPECT_EQ(qobtest::Run("unzip -tqq '" + package.string() + "' >/dev/null 2>&1"), 0);
+    auto info = std::make_unique<QOB_PackageInfo>();
+    QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
+    std::strcpy(info->szPackagePath, package.string().c_str());
+    ASSERT_EQ(QOB_GetPackageInfo(info.get()), SUCCESS);
+    const QOB_ImageFiles& f = info->files;
+    for (const QOB_EntryInfo* entry : {&f.raw, &f.settings, &f.proxy, &f.mask, &f.pLccs[0]}) {
+        EXPECT_TRUE(std::any_of(after.begin(), after.end(), [&](const auto& e) {
+            return e.first == entry->szPath;
+        })) << entry->szPath;
+    }
+    QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
 }
 
 #endif
