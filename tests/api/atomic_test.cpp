@@ -510,7 +510,8 @@ TEST(AtomicCalls, EightProcessesOnOnePackage) {
     std::strcpy(info->szPackagePath, package.string().c_str());
     ASSERT_EQ(QOB_GetPackageInfo(info.get()), SUCCESS);
     const QOB_ImageFiles& f = info->files;
-    for (const QOB_EntryInfo* entry : {&f.raw, &f.settings, &f.proxy, &f.mask, &f.pLccs[0]}) {
+    for (const QOB_EntryInfo* entry : std::initializer_list<const QOB_EntryInfo*>{
+             &f.raw, &f.settings, &f.proxy, &f.mask, f.pLccs}) {
         EXPECT_TRUE(std::any_of(after.begin(), after.end(), [&](const auto& e) {
             return e.first == entry->szPath;
         })) << entry->szPath;
