@@ -33,6 +33,10 @@ private:
     Deferred guard_;
 };
 
+// Rewrites of entries up to this size are compared with what is stored first (manifests,
+// settings); larger ones are written without reading them back into memory.
+constexpr std::uint64_t kMaxComparedSize = 4 * 1024 * 1024;
+
 // Deflate expands at most about 1032 times; a claimed size beyond that cannot be real.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 
@@ -270,7 +274,7 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
     const Entry entry = GetCurrent(unzip);
     // The lookup ignores letter case; a rewrite names its entry exactly.
     if (entry.path != path.Sanitized() || entry.content_size != length ||
-        entry.allocated_size > kMaxEntrySize || unzOpenCurrentFile(unzip) != UNZ_OK) {
+        entry.allocated_size > kMaxComparedSize || unzOpenCurrentFile(unzip) != UNZ_OK) {
         return false;
     }
     // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
