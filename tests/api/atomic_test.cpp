@@ -131,13 +131,12 @@ QobErrorCode_e Update(const fs::path& package, const std::function<void(QOB_Imag
     QOB_Constructor(args.get(), QOB_OBJECT_UPDATE_ARGS);
     std::strcpy(args->szPackagePath, package.string().c_str());
     std::strcpy(args->info.szPackagePath, package.string().c_str());
-    const QobErrorCode_e read = QOB_GetPackageInfo(&args->info);
-    if (read != SUCCESS) {
-        return read;
+    QobErrorCode_e result = QOB_GetPackageInfo(&args->info);
+    if (result == SUCCESS) {
+        set(args->files);
+        result = QOB_Update(args.get());
     }
-    set(args->files);
-    const QobErrorCode_e result = QOB_Update(args.get());
-    QOB_Destructor(args.get(), QOB_OBJECT_UPDATE_ARGS);
+    QOB_Destructor(&args->info, QOB_OBJECT_PACKAGE_INFO); // the lists the library allocated
     return result;
 }
 
