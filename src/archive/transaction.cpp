@@ -206,10 +206,9 @@ void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_
             const std::uint64_t gapEnd = i < saved_.size() ? std::min(saved_[i].first, to) : to;
             if (cursor < gapEnd) {
                 const long back = base_.ztell_file(base_.opaque, stream);
-                if (back == -1 ||
-                    !journal_->Append(stream, static_cast<std::uint32_t>(cursor),
-                                      static_cast<std::uint32_t>(gapEnd - cursor),
-                                      static_cast<std::uint32_t>(back))) {
+                if (back == -1 || !journal_->Append(stream, static_cast<std::uint32_t>(cursor),
+                                                    static_cast<std::uint32_t>(gapEnd - cursor),
+                                                    static_cast<std::uint32_t>(back))) {
                     throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
                 }
                 saved_.insert(saved_.begin() + static_cast<std::ptrdiff_t>(i), {cursor, gapEnd});
@@ -254,12 +253,13 @@ void Transaction::Commit() {
         Platform::SyncDirectory(directory);
         return;
     }
+    if (failed_) {
+        // A write was refused: whatever the call made of that, it did not happen whole.
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+    }
     if (!journal_) {
         committed_ = true; // nothing was written
         return;
-    }
-    if (failed_) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
     }
     journal_->Close();
     if (!Platform::SyncFile(package_)) {
