@@ -450,6 +450,26 @@ TEST(AtomicCalls, SizeLimits) {
     EXPECT_EQ(QOB_IsQob(package.string().c_str()), SUCCESS);
     fs::remove(package);
 
+    // The entry count field ends at 65,535: one more entry is refused, not lost.
+    const fs::path full = dir / "full.zip";
+    WriteFile(dir / "fill.py", "import sys, zipfile\n"
+                               "with zipfile.ZipFile(sys.argv[1], 'w') as z:\n"
+                               "    for i in range(65534): z.writestr(str(i), '')\n");
+    ASSERT_EQ(
+        qobtest::Run(Python() + " '" + (dir / "fill.py").string() + "' '" + full.string() + "'"),
+        0);
+    const auto* byte = reinterpret_cast<const std::byte*>("x");
+    QOB::Archive(full, true).Insert(QOB::Path("last"), byte, 1, 0);
+    const std::string fullBefore = ReadFile(full);
+    std::string refused;
+    try {
+        QOB::Archive(full, true).Insert(QOB::Path("one more"), byte, 1, 0);
+    } catch (const std::exception& e) {
+        refused = e.what();
+    }
+    EXPECT_EQ(refused, "[INVALID_PARAMETER] package cannot hold more than 65535 entries");
+    EXPECT_TRUE(ReadFile(full) == fullBefore);
+
     // A file-size limit just above the package: the growing update hits it mid-way.
     const fs::path small = dir / "small.qob";
     ASSERT_EQ(Create(small), SUCCESS);
