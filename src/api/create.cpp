@@ -7,6 +7,7 @@
 #include "archive/archive.hpp"
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
+#include "archive/transaction.hpp"
 #include "package/entry_list.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
@@ -100,6 +101,7 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
 
     GenerateManifestInMem(info.get());
 
+    Transaction transaction(PathFromUtf8(args->szPackagePath), Transaction::Kind::Create);
     Archive archive(PathFromUtf8(args->szPackagePath), false);
     for (const PlannedFile& file : plan) {
         AddFileToPackage(archive, *file.source, Path(file.entryPath));
@@ -107,7 +109,8 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         PutManifestInZip(archive, ManifestText(*info, row), kManifestNames[row], true);
     }
-    archive.Flush();
+    archive.Close();
+    transaction.Commit();
 }
 
 } // namespace QOB

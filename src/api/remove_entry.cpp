@@ -6,6 +6,7 @@
 #include "archive/archive.hpp"
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
+#include "archive/transaction.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
 #include "support/exception.hpp"
@@ -24,6 +25,7 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
     if (szFilePathInPackage == nullptr) {
         throw Exception(INVALID_POINTER, "argument szFilePathInPackage is null");
     }
+    Transaction transaction(PathFromUtf8(szPackageFullPath), Transaction::Kind::Change);
     Archive archive(PathFromUtf8(szPackageFullPath), true);
     // The manifests name entries as the zip stores them, so references are matched by the
     // stored spelling ("a\\b" and "a/b" are one entry).
@@ -31,6 +33,8 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
     archive.Remove(entry);
     // Only this one manifest name ends the call here; other manifests are ordinary entries.
     if (entry.Sanitized() == kManifestNames[kLastManifestRow]) {
+        archive.Close();
+        transaction.Commit();
         return;
     }
 
@@ -49,7 +53,8 @@ void QOB_RemoveEntry_Unlocked(const char* szPackageFullPath, const char* szFileP
         }
         PutManifestInZip(archive, text, kManifestNames[row], false);
     }
-    archive.Flush();
+    archive.Close();
+    transaction.Commit();
 }
 
 } // namespace QOB

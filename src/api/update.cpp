@@ -7,6 +7,7 @@
 #include "archive/defer.hpp"
 #include "archive/path.hpp"
 #include "package/current_info.hpp"
+#include "archive/transaction.hpp"
 #include "package/entry_list.hpp"
 #include "package/manifest_format.hpp"
 #include "package/manifest_writer.hpp"
@@ -84,6 +85,7 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
         throw Exception(INVALID_POINTER, "argument is null");
     }
     RequireValid(*args);
+    Transaction transaction(PathFromUtf8(args->szPackagePath), Transaction::Kind::Change);
     Archive archive(PathFromUtf8(args->szPackagePath), true);
     // Optimistic concurrency: a description read before another call changed the package
     // (or one of another package, or one never read) would write manifests that disagree
@@ -137,7 +139,8 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         PutManifestInZip(archive, ManifestText(args->info, row), kManifestNames[row], false);
     }
-    archive.Flush();
+    archive.Close();
+    transaction.Commit();
 }
 
 } // namespace QOB

@@ -35,6 +35,10 @@ private:
     Deferred guard_;
 };
 
+// Rewrites of entries up to this size are compared with what is stored first (manifests,
+// settings); larger ones are written without reading them back into memory.
+constexpr std::uint64_t kMaxComparedSize = 4 * 1024 * 1024;
+
 // Deflate expands at most about 1032 times; a claimed size beyond that cannot be real.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 
@@ -89,6 +93,9 @@ Archive::Archive(const std::filesystem::path& path, bool should_exist)
 }
 
 Archive::~Archive() {
+    if (!handle_) {
+        return;
+    }
     try {
         LogTrace(Format("Archive::[\"%s\"] closing", Name()));
         Flush();
@@ -103,6 +110,11 @@ const char* Archive::Name() const noexcept {
 void Archive::Flush() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
     handle_->Flush();
+}
+
+void Archive::Close() {
+    Flush();
+    handle_.reset();
 }
 
 std::vector<Entry> Archive::List() {
@@ -299,10 +311,38 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
     if (length > kMaxEntrySize) {
         throw Exception(INTERNAL_INCONSISTENCY, "entry too large");
     }
+    // A rewrite of the bytes already there changes nothing, yet would cost a write, a
+    // journal record and a new central directory: manifests are mostly rewritten unchanged.
+    if (Holds(path, content, length)) {
+        return;
+    }
     void* zip = handle_->Zip();
     CheckZipResult(
         zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
     Flush();
+}
+
+bool Archive::Holds(const Path& path, const std::byte* content, std::size_t length) {
+    void* unzip = handle_->Unzip();
+    if (unzLocateFile(unzip, path.CStr()) != UNZ_OK) {
+        return false;
+    }
+    const Entry entry = GetCurrent(unzip);
+    // The lookup ignores letter case; a rewrite names its entry exactly.
+    if (entry.path != path.Sanitized() || entry.content_size != length ||
+        entry.allocated_size > kMaxComparedSize || unzOpenCurrentFile(unzip) != UNZ_OK) {
+        return false;
+    }
+    // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
+    const auto allocated = static_cast<std::size_t>(entry.allocated_size);
+    std::vector<std::byte> stored(allocated);
+    const int count =
+        unzReadCurrentFile(unzip, stored.data(), static_cast<std::uint32_t>(allocated));
+    const bool same = count >= 0 && static_cast<std::size_t>(count) == allocated &&
+                      std::equal(content, content + length, stored.begin()) &&
+                      std::all_of(stored.begin() + static_cast<std::ptrdiff_t>(length),
+                                  stored.end(), [](std::byte b) { return b == std::byte{0}; });
+    return unzCloseCurrentFile(unzip) == UNZ_OK && same;
 }
 
 void Archive::Remove(const Path& path) {

@@ -30,6 +30,8 @@ public:
     Archive& operator=(const Archive&) = delete;
 
     void Flush();
+    // Flushes and closes the file; the archive can do nothing more afterwards.
+    void Close();
 
     // Every entry, in central directory order.
     std::vector<Entry> List();
@@ -73,6 +75,8 @@ private:
     const char* Name() const noexcept;
     void WriteOut(const Entry& entry, const std::filesystem::path& root,
                   const std::filesystem::path& relative);
+    // True when the entry, named exactly, already holds this content and zero padding.
+    bool Holds(const Path& path, const std::byte* content, std::size_t length);
 
     std::unique_ptr<MiniZip::Handle> handle_;
 };

@@ -28,6 +28,7 @@ bool AllZero(const std::byte* bytes, std::size_t size) noexcept {
 }
 
 constexpr std::size_t kFieldSize = 4;
+constexpr std::uint64_t kMaxEntryCount = 0xFFFF;
 constexpr int kStored = 0;
 constexpr int kNoCompressionLevel = 0;
 constexpr int kRawDeflateWindowBits = -15;
@@ -79,6 +80,22 @@ void WriteBegin(void* zip, const Path& path, const std::tm& time, std::uint64_t 
     info.tmz_date.tm_mon = static_cast<unsigned>(time.tm_mon);
     info.tmz_date.tm_year = static_cast<unsigned>(time.tm_year);
     info.dosDate = DosDateTime(time);
+
+    // Refused before anything is written: the format's counts and offsets cannot describe
+    // more, and a package that went past them would lose the entry.
+    std::uint64_t entries = 0;
+    std::uint64_t bytes = 0;
+    if (!zipSizeAfterAppend(zip, std::strlen(path.CStr()), kFieldSize, length + padding_size,
+                            entries, bytes)) {
+        CheckZipResult(ZIP_ERRNO);
+    }
+    if (entries > kMaxEntryCount) {
+        throw Exception(INVALID_PARAMETER, "package cannot hold more than 65535 entries");
+    }
+    if (bytes > kMaxEntrySize) {
+        throw Exception(INVALID_PARAMETER, Format("package would grow past 4 GiB: %llu bytes",
+                                                  static_cast<unsigned long long>(bytes)));
+    }
 
     CheckZipResult(zipOpenNewFileInZip3(zip, path.CStr(), &info, field.data(), kFieldSize,
                                         field.data(), kFieldSize, nullptr, kStored,

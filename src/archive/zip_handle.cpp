@@ -3,6 +3,7 @@
 #include "archive/defer.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
+#include "archive/transaction.hpp"
 #include "archive/zip_results.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
@@ -31,7 +32,17 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
         Format("in Handle path=\"%s\" should_exist=%s", path_.c_str(), should_exist ? "yes" : "no");
     QOB_FAILURE_TRAIL(trail);
 
-    raw_ = PlatformFileFunctions();
+    // Inside a mutating call the file goes through that call's transaction; any other open
+    // first rolls back what a dead process left half done.
+    Transaction* transaction = Transaction::Find(path);
+    if (transaction != nullptr) {
+        raw_ = transaction->FileFunctions();
+        file_ = transaction->File();
+    } else {
+        RecoverInterruptedChange(path);
+        raw_ = FileFunctions();
+    }
+    const std::string fileName = PathToUtf8(file_);
     const bool exists = std::filesystem::exists(path);
     if (!should_exist && exists) {
         throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
@@ -46,16 +57,16 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
             LogWarn(Format("archive requires 64-bit ZIP support: \"%s\"", path_.c_str()));
         }
     } else {
-        std::ofstream create(path, std::ios::binary);
+        std::ofstream create(file_, std::ios::binary);
     }
 
-    void* stream = raw_.zopen_file(raw_.opaque, path_.c_str(), kOpenReadWriteExisting);
+    void* stream = raw_.zopen_file(raw_.opaque, fileName.c_str(), kOpenReadWriteExisting);
     if (stream == nullptr) {
         LogWarn(Format("failed to open archive for read-write, retrying with read-only mode: "
                        "\"%s\"",
                        path_.c_str()));
         // The platform's read-only stream is the same kind of stream, so raw_ serves it.
-        stream = Platform::FileOpenReadOnly(path_.c_str());
+        stream = Platform::FileOpenReadOnly(fileName.c_str());
     }
     if (stream == nullptr) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive");

@@ -35,6 +35,19 @@ int FileError(FileStream* stream) noexcept; // last stored error, -1 for a null 
 // -6 cut done but the position could not be restored.
 int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept;
 
+// Durability. SyncFile flushes the file's data to the device (any open handle of the file
+// may have written it); SyncDirectory makes the creation, renaming or removal of entries in
+// a directory durable (nothing to do where the system does it by itself).
+bool SyncFile(const std::filesystem::path& path) noexcept;
+bool SyncDirectory(const std::filesystem::path& directory) noexcept;
+// Tests of atomicity alone (thousands of calls) turn the device flushes off; on by default.
+void SetSyncEnabled(bool enabled) noexcept;
+
+enum class MoveResult { Moved, TargetExists, Failed };
+// Gives the file `from` the name `to` in one step, never replacing an existing `to`.
+MoveResult MoveNoReplace(const std::filesystem::path& from,
+                         const std::filesystem::path& to) noexcept;
+
 // Seconds since 1970 of the file's last modification; false when the status cannot be read.
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept;
 std::int64_t CurrentTime() noexcept;

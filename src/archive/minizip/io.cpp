@@ -42,7 +42,23 @@ int Truncate(void*, void* stream, std::uint32_t newSize) {
     return Platform::FileTruncate(AsStream(stream), newSize);
 }
 
+zlib_filefunc_def* g_substitute = nullptr;
+
 } // namespace
+
+zlib_filefunc_def FileFunctions() noexcept {
+    return g_substitute != nullptr ? *g_substitute : PlatformFileFunctions();
+}
+
+void SetFileFunctions(const zlib_filefunc_def* substitute) noexcept {
+    static zlib_filefunc_def stored;
+    if (substitute != nullptr) {
+        stored = *substitute;
+        g_substitute = &stored;
+    } else {
+        g_substitute = nullptr;
+    }
+}
 
 zlib_filefunc_def PlatformFileFunctions() noexcept {
     zlib_filefunc_def table;

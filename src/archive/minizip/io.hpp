@@ -61,4 +61,10 @@ inline std::optional<std::uint32_t> PositionFromTell(long value) noexcept {
 // The table over the operating system's files (the platform layer).
 zlib_filefunc_def PlatformFileFunctions() noexcept;
 
+// The table every archive and journal opens files with: the platform's, unless a
+// substitute was installed. A substitute (fault injection in tests) must hand out the
+// platform's streams, wrapping its calls, and stays in place until it is removed with null.
+zlib_filefunc_def FileFunctions() noexcept;
+void SetFileFunctions(const zlib_filefunc_def* substitute) noexcept;
+
 } // namespace QOB::MiniZip

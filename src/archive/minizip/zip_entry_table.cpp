@@ -112,4 +112,30 @@ std::ptrdiff_t FindRow(const ZipWriter& writer, const char* name) noexcept {
     return -1;
 }
 
+bool zipSizeAfterAppend(zipFile file, std::uint64_t nameSize, std::uint64_t extraSize,
+                        std::uint64_t storedSize, std::uint64_t& entries, std::uint64_t& bytes) {
+    if (file == nullptr) {
+        return false;
+    }
+    ZipWriter& writer = *AsWriter(file);
+    const auto position = writer.file.Tell();
+    if (!position) {
+        return false;
+    }
+    std::uint64_t directory = 0;
+    for (const CentralRecord& record : writer.table) {
+        directory += record.StoredSize();
+    }
+    entries = writer.table.size() + 1;
+    if (writer.entry) {
+        // Still open: its data ends at the position, its record is not in the table yet.
+        ++entries;
+        directory += writer.entry->record.StoredSize();
+    }
+    directory += kCentralHeaderSize + nameSize + extraSize;
+    bytes = std::uint64_t{*position} + kLocalHeaderSize + nameSize + extraSize + storedSize +
+            directory + kEndRecordSize + writer.globalComment.size();
+    return true;
+}
+
 } // namespace QOB::MiniZip

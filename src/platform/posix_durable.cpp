@@ -1,0 +1,74 @@
+// POSIX durability: fsync of files and directories, and a rename that never replaces.
+#include "platform/platform.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace QOB::Platform {
+
+namespace {
+bool g_syncEnabled = true;
+}
+
+void SetSyncEnabled(bool enabled) noexcept {
+    g_syncEnabled = enabled;
+}
+namespace {
+
+bool SyncPath(const char* name, int flags) noexcept {
+    int fd;
+    do {
+        fd = ::open(name, flags | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        return false;
+    }
+    int result;
+    do {
+        result = ::fsync(fd);
+    } while (result != 0 && errno == EINTR);
+    ::close(fd);
+    return result == 0;
+}
+
+} // namespace
+
+bool SyncFile(const std::filesystem::path& path) noexcept {
+    if (!g_syncEnabled) {
+        return true;
+    }
+    return SyncPath(path.c_str(), O_RDONLY);
+}
+
+bool SyncDirectory(const std::filesystem::path& directory) noexcept {
+    if (!g_syncEnabled) {
+        return true;
+    }
+    const char* name = directory.empty() ? "." : directory.c_str();
+    return SyncPath(name, O_RDONLY | O_DIRECTORY);
+}
+
+MoveResult MoveNoReplace(const std::filesystem::path& from,
+                         const std::filesystem::path& to) noexcept {
+#ifdef RENAME_NOREPLACE
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return MoveResult::Moved;
+    }
+    if (errno == EEXIST) {
+        return MoveResult::TargetExists;
+    }
+    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP) {
+        return MoveResult::Failed;
+    }
+#endif
+    // File systems without the flag: a hard link fails on an existing name as well.
+    if (::link(from.c_str(), to.c_str()) != 0) {
+        return errno == EEXIST ? MoveResult::TargetExists : MoveResult::Failed;
+    }
+    ::unlink(from.c_str());
+    return MoveResult::Moved;
+}
+
+} // namespace QOB::Platform
