@@ -2,7 +2,7 @@
 
 #include "library_log.hpp"
 
-#include "core/package_inspect.hpp"
+#include "core/package_audit.hpp"
 
 #include <charconv>
 #include <cstdio>

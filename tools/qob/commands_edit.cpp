@@ -6,7 +6,7 @@
 
 #include <qob/qob.h>
 
-#include "core/package_inspect.hpp"
+#include "core/package_audit.hpp"
 #include "support/utf8_path.hpp"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #include "host_platform.hpp"
 #include "library_log.hpp"
 
-#include "core/package_inspect.hpp"
+#include "core/package_audit.hpp"
 #include "support/utf8_path.hpp"
 
 #include <qob/qob.h>

@@ -1,6 +1,6 @@
 #include "library_log.hpp"
 
-#include "core/package_inspect.hpp"
+#include "core/package_audit.hpp"
 #include "host_platform.hpp"
 
 #include <cerrno>

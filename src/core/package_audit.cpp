@@ -1,4 +1,4 @@
-#include "core/package_inspect.hpp"
+#include "core/package_audit.hpp"
 
 #include "api/process_lock.hpp"
 #include "archive/archive.hpp"
