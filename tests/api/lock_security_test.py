@@ -24,8 +24,25 @@ OURS = TMP / f'qob-{os.geteuid()}'
 LOCK = 'ZT.XProcess.Lock'
 
 
+def keep_build_reachable():
+    """A build under /tmp (a clone there, say) would vanish under the fresh /tmp: show the old
+    /tmp at /mnt in this namespace and run the programs from there, finding their library
+    beside them."""
+    if not any(p.startswith('/tmp/') for p in (OPTIONS.child, OPTIONS.tool)):
+        return
+    if not os.path.isdir('/mnt') or subprocess.run(
+            ['mount', '--bind', '/tmp', '/mnt'], stderr=subprocess.DEVNULL).returncode != 0:
+        print('skipped: the build is under /tmp and cannot be shown elsewhere')
+        sys.exit(SKIP)
+    OPTIONS.child = '/mnt/' + OPTIONS.child[len('/tmp/'):]
+    OPTIONS.tool = '/mnt/' + OPTIONS.tool[len('/tmp/'):]
+    lib = os.path.join(os.path.dirname(os.path.dirname(OPTIONS.child)), 'lib')
+    os.environ['LD_LIBRARY_PATH'] = lib
+
+
 def enter_namespace():
     if os.environ.get('QOB_LOCK_NAMESPACE') == '1':
+        keep_build_reachable()
         mounts = [['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'tmpfs', '/tmp']]
         if os.path.isdir('/run/user'):  # hide the session directories of real users
             mounts.append(['mount', '-t', 'tmpfs', 'tmpfs', '/run/user'])

@@ -1,10 +1,14 @@
 #!/bin/sh
-# Runs a program in its own mount namespace where the system allows it, with a private,
-# empty /tmp (and /run/user), and without XDG_RUNTIME_DIR: the per-user lock then lives in
-# the private /tmp, so the program's many calls contend for it with nobody else.
-private='mount -t tmpfs tmpfs /tmp && { [ ! -d /run/user ] || mount -t tmpfs tmpfs /run/user; }'
-if unshare -m sh -c "$private" 2>/dev/null; then
-  exec unshare -m sh -c "$private"' && unset XDG_RUNTIME_DIR && exec "$@"' sh "$@"
+# Runs a program with a lock of its own where the system allows a mount namespace: a fresh
+# tmpfs, private to the namespace, becomes the user's runtime directory and so holds the
+# per-user lock; the program's many calls then contend with nobody else on the machine.
+# (/tmp itself stays as it is: the build may live there.)
+dir=$(mktemp -d) || exit 1
+trap 'rm -rf "$dir"' EXIT
+if unshare -m sh -c 'mount -t tmpfs -o mode=700 tmpfs "$1"' sh "$dir" 2>/dev/null; then
+  unshare -m sh -c 'mount -t tmpfs -o mode=700 tmpfs "$1" && shift &&
+    XDG_RUNTIME_DIR="$0" exec "$@"' "$dir" "$dir" "$@"
+  exit $?
 fi
-echo "no private mount namespace here: running with the shared /tmp" >&2
-exec "$@"
+echo "no private mount namespace here: the lock lives in a fresh directory instead" >&2
+XDG_RUNTIME_DIR="$dir" "$@"
