@@ -37,8 +37,10 @@ for file in "${expected[@]}"; do
 done
 
 echo "--- the installed tool"
-answer=$(cd "$prefix/bin" && "$wine_run" ./qob.exe check absent.qob || true)
-[[ $answer == *PACKAGE_NOT_FOUND* ]] || fail "installed qob.exe: $answer"
+status=0
+answer=$(cd "$prefix/bin" && "$wine_run" ./qob.exe check absent.qob 2>&1) || status=$?
+# Exit status 4: not found, and the reason in words.
+[[ $status == 4 && $answer == *"absent.qob"* ]] || fail "installed qob.exe ($status): $answer"
 
 echo "--- find_package(qob) with the MinGW toolchain"
 # The toolchain confines package searches to the MinGW root: name the package directly.
