@@ -1,5 +1,6 @@
 // POSIX implementation of the platform interface.
 #include "platform/platform.hpp"
+#include "platform/posix_retry.hpp"
 
 #include <cerrno>
 #include <cstring>
@@ -32,11 +33,7 @@ FileStream* Wrap(int fd) noexcept {
 }
 
 int OpenRetrying(const char* name, int flags) noexcept {
-    int fd;
-    do {
-        fd = ::open(name, flags | O_CLOEXEC, 0666);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
+    return Retrying([&] { return ::open(name, flags | O_CLOEXEC, 0666); });
 }
 
 void Fail(FileStream* stream) noexcept {
@@ -191,10 +188,7 @@ int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept {
         Fail(stream);
         return -4;
     }
-    int cut;
-    do {
-        cut = ::ftruncate(stream->fd, static_cast<off_t>(newSize));
-    } while (cut != 0 && errno == EINTR);
+    const int cut = Retrying([&] { return ::ftruncate(stream->fd, static_cast<off_t>(newSize)); });
     if (cut != 0) {
         Fail(stream);
     }

@@ -1,5 +1,6 @@
 // POSIX durability: fsync of files and directories, and a rename that never replaces.
 #include "platform/platform.hpp"
+#include "platform/posix_retry.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,17 +19,11 @@ void SetSyncEnabled(bool enabled) noexcept {
 namespace {
 
 bool SyncPath(const char* name, int flags) noexcept {
-    int fd;
-    do {
-        fd = ::open(name, flags | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
+    const int fd = Retrying([&] { return ::open(name, flags | O_CLOEXEC); });
     if (fd < 0) {
         return false;
     }
-    int result;
-    do {
-        result = ::fsync(fd);
-    } while (result != 0 && errno == EINTR);
+    const int result = Retrying([&] { return ::fsync(fd); });
     ::close(fd);
     return result == 0;
 }

@@ -15,6 +15,7 @@
 // directory or the file exists but is not safely ours, the call fails instead: running
 // unlocked because someone else put something in the way would let them switch the lock off.
 #include "platform/platform.hpp"
+#include "platform/posix_retry.hpp"
 
 #include <cerrno>
 #include <cstdlib>
@@ -31,14 +32,6 @@ namespace QOB::Platform {
 namespace {
 
 constexpr const char* kLockName = "ZT.XProcess.Lock";
-
-template <class Call> int Retrying(Call call) noexcept {
-    int result;
-    do {
-        result = call();
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
 
 // Owned by the caller, a directory, and closed to everybody else.
 bool PrivateDirectory(const struct stat& status) noexcept {

@@ -2,6 +2,7 @@
 // directory is opened relative to its parent's descriptor with O_NOFOLLOW, so a link planted
 // anywhere below the destination (even while we walk) cannot redirect a write.
 #include "platform/platform.hpp"
+#include "platform/posix_retry.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -16,14 +17,6 @@ struct OutputFile {
 };
 
 namespace {
-
-template <class Call> int Retrying(Call call) noexcept {
-    int result;
-    do {
-        result = call();
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
 
 class Descriptor {
 public:
