@@ -1,6 +1,7 @@
 #include "archive/archive.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_handle.hpp"
@@ -12,6 +13,7 @@
 #include "support/utf8_path.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <system_error>
@@ -335,13 +337,12 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
     }
     // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
     const auto allocated = static_cast<std::size_t>(entry.allocated_size);
-    std::vector<std::byte> stored(allocated);
+    const auto stored = std::make_unique_for_overwrite<std::byte[]>(allocated);
     const int count =
-        unzReadCurrentFile(unzip, stored.data(), static_cast<std::uint32_t>(allocated));
+        unzReadCurrentFile(unzip, stored.get(), static_cast<std::uint32_t>(allocated));
     const bool same = count >= 0 && static_cast<std::size_t>(count) == allocated &&
-                      std::equal(content, content + length, stored.begin()) &&
-                      std::all_of(stored.begin() + static_cast<std::ptrdiff_t>(length),
-                                  stored.end(), [](std::byte b) { return b == std::byte{0}; });
+                      (length == 0 || std::memcmp(content, stored.get(), length) == 0) &&
+                      MiniZip::Bytes::AllZero(stored.get() + length, allocated - length);
     return unzCloseCurrentFile(unzip) == UNZ_OK && same;
 }
 

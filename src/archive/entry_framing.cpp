@@ -1,6 +1,7 @@
 #include "archive/entry_framing.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_results.hpp"
@@ -20,12 +21,6 @@ namespace QOB {
 namespace {
 
 using namespace MiniZip;
-
-// memcmp of a block against itself shifted by one byte: every byte equals the first, which is
-// zero. The library's memcmp is vectorised; a byte loop is several times slower.
-bool AllZero(const std::byte* bytes, std::size_t size) noexcept {
-    return size == 0 || (bytes[0] == std::byte{0} && std::memcmp(bytes, bytes + 1, size - 1) == 0);
-}
 
 constexpr std::size_t kFieldSize = 4;
 constexpr std::uint64_t kMaxEntryCount = 0xFFFF;
@@ -173,7 +168,7 @@ void ReadEnd(void* unzip, const Entry& entry) {
         for (std::uint64_t remaining = padding; remaining > 0;) {
             const auto round = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, size));
             TryRead(unzip, buffer.get(), round);
-            if (!AllZero(buffer.get(), round)) {
+            if (!MiniZip::Bytes::AllZero(buffer.get(), round)) {
                 throw Exception(INTERNAL_INCONSISTENCY, "non-zero padding");
             }
             remaining -= round;

@@ -13,8 +13,12 @@ namespace QOB {
 
 bool DescribesPackage(Archive& archive, const QOB_PackageInfo& info) {
     QOB_FAILURE_TRAIL("in DescribesPackage");
-    // Large record: on the heap. Only its manifest texts are filled here.
-    const auto fresh = std::make_unique<QOB_PackageInfo>();
+    // Large record: on the heap, and only its manifest texts are used, so only they are
+    // emptied (the rows the package lacks must read as empty).
+    const auto fresh = std::make_unique_for_overwrite<QOB_PackageInfo>();
+    for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
+        ManifestText(*fresh, row)[0] = '\0';
+    }
     const std::vector<ManifestNode> nodes = GetManifestNodes(archive, *fresh);
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         if (std::strncmp(info.szManifests[row], fresh->szManifests[row], kManifestBufferSize) !=

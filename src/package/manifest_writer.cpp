@@ -92,32 +92,56 @@ void GenerateManifestInMem(QOB_PackageInfo* info) {
     if (info == nullptr) {
         throw Exception(INVALID_POINTER, "argument is null");
     }
-    std::vector<Xml::Node> roots;
-    roots.reserve(kManifestNames.size());
+    // The copies (every row but the primary one) usually hold one text: each distinct text is
+    // parsed, edited and rendered once, and the rows that repeat it take that rendering.
+    constexpr std::size_t kOwn = static_cast<std::size_t>(-1);
+    std::vector<std::size_t> sameAs(kManifestNames.size(), kOwn);
+    std::vector<Xml::Node> roots(kManifestNames.size());
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         const char* text = ManifestText(*info, row);
-        const Xml::ParseResult parsed =
-            Xml::Parse(std::string_view(text, strnlen(text, kManifestBufferSize)), kManifest);
+        const std::string_view view(text, strnlen(text, kManifestBufferSize));
+        for (std::size_t earlier = 1; row != kPrimaryManifestRow && earlier < row; ++earlier) {
+            const char* other = ManifestText(*info, earlier);
+            if (sameAs[earlier] == kOwn &&
+                view == std::string_view(other, strnlen(other, kManifestBufferSize))) {
+                sameAs[row] = earlier;
+                break;
+            }
+        }
+        if (sameAs[row] != kOwn) {
+            continue;
+        }
+        const Xml::ParseResult parsed = Xml::Parse(view, kManifest);
         // A copy that does not parse is rebuilt from nothing.
-        roots.push_back(parsed.element ? parsed.element : Xml::CreateDocument(kManifest));
+        roots[row] = parsed.element ? parsed.element : Xml::CreateDocument(kManifest);
     }
     Xml::Node primary = roots[kPrimaryManifestRow];
     SetChildText(primary, kPlatform, kPlatformValue);
     for (const Xml::Node& root : roots) {
-        WriteFileElement(root, info->files);
+        if (root) {
+            WriteFileElement(root, info->files);
+        }
     }
     SetChildText(primary, kVersion, kVersionValue);
     SetChildText(primary, kMinorVersion, kMinorVersionValue);
     SetChildText(primary, kType, kTypeValue);
 
+    // Measured before anything is written, so a refusal leaves every buffer as it was.
     for (std::size_t row = 0; row < roots.size(); ++row) {
-        const std::size_t length = Xml::RenderLength(roots[row]);
+        const std::size_t length = roots[row] ? Xml::RenderLength(roots[row]) : 0;
         if (length >= kManifestBufferSize) {
             throw Exception(INVALID_PARAMETER,
                             Format("xml string too long: src=%i dst=%zu", static_cast<int>(length),
                                    kManifestBufferSize));
         }
-        Xml::Render(roots[row], ManifestText(*info, row), kManifestBufferSize);
+    }
+    for (std::size_t row = 0; row < roots.size(); ++row) {
+        if (sameAs[row] == kOwn) {
+            Xml::Render(roots[row], ManifestText(*info, row), kManifestBufferSize);
+        } else {
+            const char* rendered = ManifestText(*info, sameAs[row]);
+            std::memcpy(ManifestText(*info, row), rendered, std::strlen(rendered) + 1);
+        }
     }
 }
 

@@ -4,9 +4,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 namespace QOB::MiniZip::Bytes {
+
+// True when every byte is zero: memcmp of the block against itself shifted by one byte (all
+// bytes equal the first, which is zero). The library's memcmp is vectorised; a byte loop is
+// several times slower, and padding is checked on every read.
+inline bool AllZero(const std::byte* bytes, std::size_t size) noexcept {
+    return size == 0 || (bytes[0] == std::byte{0} && std::memcmp(bytes, bytes + 1, size - 1) == 0);
+}
 
 inline std::uint16_t Get16(const std::uint8_t* p) noexcept {
     return static_cast<std::uint16_t>(p[0] | (p[1] << 8));

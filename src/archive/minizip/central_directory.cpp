@@ -88,12 +88,22 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
     if (*fileSize < kEndRecordSize) {
         return UNZ_BADZIPFILE;
     }
-    const std::uint32_t tailSize =
-        std::min<std::uint32_t>(*fileSize, kMaxCommentSize + kEndRecordSize);
-    const std::uint32_t tailStart = *fileSize - tailSize;
+    // Nearly every archive ends with an end record without a comment: the last 22 bytes
+    // settle it, the one candidate the scan below would take first. Otherwise the whole tail
+    // that a comment could span is read and scanned.
+    std::uint32_t tailSize = kEndRecordSize;
+    std::uint32_t tailStart = *fileSize - tailSize;
     std::vector<std::uint8_t> tail(tailSize);
     if (!file.ReadAt(tailStart, tail.data(), tailSize)) {
         return UNZ_ERRNO;
+    }
+    if (Get32(tail.data()) != kEndRecordSignature || Get16(tail.data() + 20) != 0) {
+        tailSize = std::min<std::uint32_t>(*fileSize, kMaxCommentSize + kEndRecordSize);
+        tailStart = *fileSize - tailSize;
+        tail.resize(tailSize);
+        if (!file.ReadAt(tailStart, tail.data(), tailSize)) {
+            return UNZ_ERRNO;
+        }
     }
 
     // The nearest signature to the end whose comment fits in the file. A signature inside
