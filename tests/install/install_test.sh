@@ -43,6 +43,6 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 # pkg-config escapes the spaces in them with backslashes: let the shell undo that.
 eval "flags=($(pkg-config --cflags --libs qob))"
 [[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
-"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/consumer.c" "${flags[@]}" \
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/../../c/c_host.c" "${flags[@]}" \
   -Wl,-rpath,"$libdir"
 "$work/pc-consumer" "$work"

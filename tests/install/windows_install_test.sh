@@ -42,4 +42,4 @@ cmake --build "$work/cmake-build" >/dev/null
 cp "$prefix/bin/qob.dll" "$work/cmake-build/"
 output=$(cd "$work/cmake-build" && "$wine_run" ./consumer.exe .) || fail "consumer failed: $output"
 echo "$output"
-[[ $output == *"consumer: wrote"* ]] || fail "consumer: $output"
+[[ $output == *"c host: wrote"* ]] || fail "consumer: $output"
