@@ -319,12 +319,8 @@ TEST(AtomicCalls, IncompleteJournalIsDiscardedUntouched) {
 pid_t RunInChild(const Operation& op, const fs::path& package, long exitAt) {
     const pid_t child = fork();
     if (child == 0) {
-        if (exitAt > 0) {
-            FaultScope die(Faults::Mode::Exit, exitAt);
-            op.run(package);
-        } else {
-            op.run(package);
-        }
+        FaultScope die(exitAt > 0 ? Faults::Mode::Exit : Faults::Mode::Count, exitAt);
+        op.run(package);
         _exit(0);
     }
     return child;
