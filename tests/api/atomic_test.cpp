@@ -1,8 +1,8 @@
 // Every mutating call either succeeds or leaves the package as it was: whichever write,
 // seek or truncate fails, wherever the process dies, whatever limit is hit.
+#include "api/package_host.hpp"
 #include "archive/archive.hpp"
 #include "archive/minizip/io.hpp"
-#include "common/test_files.hpp"
 #include "platform/platform.hpp"
 
 #include <qob/qob.h>
@@ -83,18 +83,6 @@ public:
 };
 const auto* const g_noSync = ::testing::AddGlobalTestEnvironment(new NoSync);
 
-QOB_EntryInfo FromMemory(const char* name, const std::string& content, std::uint32_t reserve = 0,
-                         const char* id = "") {
-    QOB_EntryInfo entry{};
-    std::strcpy(entry.szPath, name);
-    std::strcpy(entry.szIdentifier, id);
-    entry.uReservedSpace = reserve;
-    entry.ePackingType = QOB_PACK_FROM_MEMORY;
-    entry.pBuffer = content.data();
-    entry.uBufferLength = static_cast<std::uint32_t>(content.size());
-    return entry;
-}
-
 // Content that outlives the records pointing at it.
 struct Contents {
     std::string raw = RandomBytes(300000, 1), proxy = RandomBytes(40000, 2),
@@ -109,16 +97,14 @@ const Contents& Data() {
 
 QobErrorCode_e Create(const fs::path& package) {
     const Contents& d = Data();
-    auto args = std::make_unique<QOB_CreateArgs>();
-    QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS);
-    QOB_EntryInfo lcc = FromMemory("lens.lcc", d.lcc, 0, "LensA");
-    args->files.raw = FromMemory("IMG_1.CR3", d.raw);
-    args->files.proxy = FromMemory("IMG_1.jpg", d.proxy);
-    args->files.settings = FromMemory("IMG_1.xmp", d.settings, 1000);
-    args->files.mask = FromMemory("IMG_1.msk", d.mask, 2000);
+    auto args = NewArgs<QOB_CreateArgs>(package);
+    QOB_EntryInfo lcc = MemoryEntry("lens.lcc", d.lcc, 0, "LensA");
+    args->files.raw = MemoryEntry("IMG_1.CR3", d.raw);
+    args->files.proxy = MemoryEntry("IMG_1.jpg", d.proxy);
+    args->files.settings = MemoryEntry("IMG_1.xmp", d.settings, 1000);
+    args->files.mask = MemoryEntry("IMG_1.msk", d.mask, 2000);
     args->files.uLccCount = 1;
     args->files.pLccs = &lcc;
-    std::strcpy(args->szPackagePath, package.string().c_str());
     const QobErrorCode_e result = QOB_Create(args.get());
     args->files.pLccs = nullptr;
     args->files.uLccCount = 0;
@@ -127,9 +113,7 @@ QobErrorCode_e Create(const fs::path& package) {
 
 // QOB_Update with the package's description as read and a new file set.
 QobErrorCode_e Update(const fs::path& package, const std::function<void(QOB_ImageFiles&)>& set) {
-    auto args = std::make_unique<QOB_UpdateArgs>();
-    QOB_Constructor(args.get(), QOB_OBJECT_UPDATE_ARGS);
-    std::strcpy(args->szPackagePath, package.string().c_str());
+    auto args = NewArgs<QOB_UpdateArgs>(package);
     std::strcpy(args->info.szPackagePath, package.string().c_str());
     QobErrorCode_e result = QOB_GetPackageInfo(&args->info);
     if (result == SUCCESS) {
@@ -153,15 +137,15 @@ std::vector<Operation> Operations() {
         {"in-place settings", false,
          [&d](const fs::path& p) {
              return Update(p, [&d](QOB_ImageFiles& f) {
-                 f.settings = FromMemory("IMG_1.xmp", d.settingsSame, 1000);
+                 f.settings = MemoryEntry("IMG_1.xmp", d.settingsSame, 1000);
              });
          }},
         {"growing settings and a new profile", false,
          [&d](const fs::path& p) {
              return Update(p, [&d](QOB_ImageFiles& f) {
-                 f.settings = FromMemory("IMG_1.xmp", d.settingsBig, 1000);
+                 f.settings = MemoryEntry("IMG_1.xmp", d.settingsBig, 1000);
                  static QOB_EntryInfo lcc;
-                 lcc = FromMemory("lens2.lcc", d.lcc2, 0, "LensB");
+                 lcc = MemoryEntry("lens2.lcc", d.lcc2, 0, "LensB");
                  f.uLccCount = 1;
                  f.pLccs = &lcc;
              });
@@ -290,15 +274,15 @@ TEST(AtomicCalls, FailingCallsChangeNothing) {
         {"reserved space of 4 GiB", package,
          [&] {
              return Update(package, [&](QOB_ImageFiles& f) {
-                 f.proxy = FromMemory("IMG_1.jpg", huge, 0xFFFFFFFFu);
+                 f.proxy = MemoryEntry("IMG_1.jpg", huge, 0xFFFFFFFFu);
              });
          },
          INVALID_PARAMETER},
         {"settings rewritten, then a name too long", package,
          [&] {
              return Update(package, [&](QOB_ImageFiles& f) {
-                 f.settings = FromMemory("IMG_1.xmp", Data().settingsSame, 1000);
-                 f.mask = FromMemory(std::string(250, 'm').c_str(), huge);
+                 f.settings = MemoryEntry("IMG_1.xmp", Data().settingsSame, 1000);
+                 f.mask = MemoryEntry(std::string(250, 'm').c_str(), huge);
              });
          },
          INVALID_PARAMETER},
@@ -335,12 +319,8 @@ TEST(AtomicCalls, IncompleteJournalIsDiscardedUntouched) {
 pid_t RunInChild(const Operation& op, const fs::path& package, long exitAt) {
     const pid_t child = fork();
     if (child == 0) {
-        if (exitAt > 0) {
-            FaultScope die(Faults::Mode::Exit, exitAt);
-            op.run(package);
-        } else {
-            op.run(package);
-        }
+        FaultScope die(exitAt > 0 ? Faults::Mode::Exit : Faults::Mode::Count, exitAt);
+        op.run(package);
         _exit(0);
     }
     return child;
@@ -430,11 +410,8 @@ TEST(AtomicCalls, SizeLimits) {
             return g_platform.zwrite_file(nullptr, s, b, n);
         };
         MZ::SetFileFunctions(&table);
-        auto args = std::make_unique<QOB_CreateArgs>();
-        QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS);
-        std::strcpy(args->files.raw.szPath, raw.string().c_str());
-        args->files.raw.ePackingType = QOB_PACK_FROM_FILE;
-        std::strcpy(args->szPackagePath, package.string().c_str());
+        auto args = NewArgs<QOB_CreateArgs>(package);
+        args->files.raw = FileEntry(raw);
         const QobErrorCode_e created = QOB_Create(args.get());
         MZ::SetFileFunctions(nullptr);
         ASSERT_EQ(created, SUCCESS);
@@ -443,8 +420,9 @@ TEST(AtomicCalls, SizeLimits) {
     const std::string proxy = RandomBytes(700000, 11);
     const auto sizeBefore = fs::file_size(package);
     LogCapture log(&QOB_SetLogFn);
-    EXPECT_EQ(Update(package, [&](QOB_ImageFiles& f) { f.proxy = FromMemory("IMG_2.jpg", proxy); }),
-              INVALID_PARAMETER);
+    EXPECT_EQ(
+        Update(package, [&](QOB_ImageFiles& f) { f.proxy = MemoryEntry("IMG_2.jpg", proxy); }),
+        INVALID_PARAMETER);
     EXPECT_TRUE(log.Contains("package would grow past 4 GiB"));
     EXPECT_EQ(fs::file_size(package), sizeBefore);
     EXPECT_EQ(QOB_IsQob(package.string().c_str()), SUCCESS);
@@ -506,7 +484,7 @@ TEST(AtomicCalls, EightProcessesOnOnePackage) {
                 const QobErrorCode_e result =
                     (p + i) % 4 == 3 ? QOB_IsQob(package.string().c_str())
                                      : Update(package, [&](QOB_ImageFiles& f) {
-                                           f.settings = FromMemory("IMG_1.xmp", settings, 100);
+                                           f.settings = MemoryEntry("IMG_1.xmp", settings, 100);
                                        });
                 if (result != SUCCESS) {
                     _exit(1);
@@ -521,21 +499,9 @@ TEST(AtomicCalls, EightProcessesOnOnePackage) {
         ASSERT_EQ(waitpid(child, &status, 0), child);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    const Snapshot after = Take(package);
-    EXPECT_EQ(after.size(), entries);
+    EXPECT_EQ(Take(package).size(), entries);
     EXPECT_EQ(qobtest::Run("unzip -tqq '" + package.string() + "' >/dev/null 2>&1"), 0);
-    auto info = std::make_unique<QOB_PackageInfo>();
-    QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
-    std::strcpy(info->szPackagePath, package.string().c_str());
-    ASSERT_EQ(QOB_GetPackageInfo(info.get()), SUCCESS);
-    const QOB_ImageFiles& f = info->files;
-    for (const QOB_EntryInfo* entry : std::initializer_list<const QOB_EntryInfo*>{
-             &f.raw, &f.settings, &f.proxy, &f.mask, f.pLccs}) {
-        EXPECT_TRUE(std::any_of(after.begin(), after.end(), [&](const auto& e) {
-            return e.first == entry->szPath;
-        })) << entry->szPath;
-    }
-    QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
+    ExpectConsistent(package);
 }
 
 #endif

@@ -137,30 +137,20 @@ class LockSecurity(unittest.TestCase):
                 self.assertEqual(os.listdir(target), [])
 
     def test_a_lock_file_that_is_not_safely_ours_fails_the_call(self):
-        def link():
-            os.symlink(self.secret, OURS / LOCK)
-
-        def fifo():
-            os.mkfifo(OURS / LOCK, 0o600)
-
-        def foreign():
-            (OURS / LOCK).write_text('')
-            os.chown(OURS / LOCK, NOBODY, NOBODY)
-
-        def shared():
-            (OURS / LOCK).write_text('')
-            (OURS / LOCK).chmod(0o666)
-
-        cases = ((link, 'symbolic link'), (fifo, 'not a regular file'),
-                 (foreign, 'belongs to another user'), (shared, 'writable by other users'))
+        lock = OURS / LOCK
+        cases = ((lambda: os.symlink(self.secret, lock), 'symbolic link'),
+                 (lambda: os.mkfifo(lock, 0o600), 'not a regular file'),
+                 (lambda: (lock.write_text(''), os.chown(lock, NOBODY, NOBODY)),
+                  'belongs to another user'),
+                 (lambda: (lock.write_text(''), lock.chmod(0o666)), 'writable by other users'))
         for make, why in cases:
             with self.subTest(why=why):
                 self.setUp()
                 OURS.mkdir(mode=0o700)
                 make()
-                before = (state(OURS / LOCK), state(self.secret))
+                before = (state(lock), state(self.secret))
                 self.assertRefused(call(timeout=10), why)  # a FIFO must not hang the call
-                self.assertEqual((state(OURS / LOCK), state(self.secret)), before)
+                self.assertEqual((state(lock), state(self.secret)), before)
 
     def test_a_fifo_does_not_hang_loading_the_library(self):
         OURS.mkdir(mode=0o700)

@@ -56,9 +56,7 @@ TEST(PackageConsistency, CreateRefusesWhatItCouldNotReadBack) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         const fs::path package = dir / "p.qob";
-        auto args = std::make_unique<QOB_CreateArgs>();
-        QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS);
-        std::strcpy(args->szPackagePath, package.string().c_str());
+        auto args = NewArgs<QOB_CreateArgs>(package);
         // The raw image's name may be longer than a Windows path allows: it comes from memory.
         args->files.raw = MemoryEntry(c.raw.c_str(), kRaw);
         args->files.settings = MemoryEntry("settings.xmp", kBytes, 100);
@@ -104,9 +102,7 @@ class StaleDescriptions : public ::testing::Test {
 protected:
     void SetUp() override {
         for (const fs::path& package : {a, b}) {
-            auto args = std::make_unique<QOB_CreateArgs>();
-            QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS);
-            std::strcpy(args->szPackagePath, package.string().c_str());
+            auto args = NewArgs<QOB_CreateArgs>(package);
             const std::string raw = package.stem().string() + ".IIQ";
             args->files.raw = MemoryEntry(raw.c_str(), kRaw);
             args->files.settings = MemoryEntry("s.cos", kBytes, 100);
@@ -117,17 +113,12 @@ protected:
 
     // Updates package with one new LCC profile, starting from description; the record the
     // call returns is copied back into description.
-    QobErrorCode_e AddLcc(const fs::path& package, QOB_PackageInfo& description, const char* id) {
-        auto update = std::make_unique<QOB_UpdateArgs>();
-        QOB_Constructor(update.get(), QOB_OBJECT_UPDATE_ARGS);
-        std::strcpy(update->szPackagePath, package.string().c_str());
+    QobErrorCode_e AddLcc(const fs::path& package, Info& description, const char* id) {
+        QOB_ImageFiles files{};
         QOB_EntryInfo lcc = MemoryEntry("n.lcc", kBytes, 0, id);
-        update->files.uLccCount = 1;
-        update->files.pLccs = &lcc;
-        std::memcpy(&update->info, &description, sizeof(QOB_PackageInfo));
-        const QobErrorCode_e result = QOB_Update(update.get());
-        std::memcpy(&description, &update->info, sizeof(QOB_PackageInfo));
-        return result;
+        files.uLccCount = 1;
+        files.pLccs = &lcc;
+        return UpdateFrom(description, package, files);
     }
 
     TempDir dir;
@@ -141,25 +132,25 @@ TEST_F(StaleDescriptions, UpdateRefusesAnyButTheCurrentOne) {
     const std::string bytesA = ReadFile(a);
 
     // Package B's description, and one built by hand: A stays byte for byte as it was.
-    EXPECT_EQ(AddLcc(a, *infoB.record, "L1"), INVALID_PARAMETER);
+    EXPECT_EQ(AddLcc(a, infoB, "L1"), INVALID_PARAMETER);
     Info empty;
     std::strcpy(empty.record->files.raw.szPath, "A.IIQ");
-    EXPECT_EQ(AddLcc(a, *empty.record, "L1"), INVALID_PARAMETER);
+    EXPECT_EQ(AddLcc(a, empty, "L1"), INVALID_PARAMETER);
     EXPECT_EQ(ReadFile(a), bytesA);
 
     // Read, update, update again with what the first update returned: both succeed.
     Info stale;
     ASSERT_EQ(stale.Read(a), SUCCESS);
-    ASSERT_EQ(AddLcc(a, *infoA.record, "L1"), SUCCESS);
-    ASSERT_EQ(AddLcc(a, *infoA.record, "L2"), SUCCESS);
+    ASSERT_EQ(AddLcc(a, infoA, "L1"), SUCCESS);
+    ASSERT_EQ(AddLcc(a, infoA, "L2"), SUCCESS);
     ExpectConsistent(a);
     // A description read before those updates would lose them: refused, nothing changed.
     const std::string bytesAfter = ReadFile(a);
-    EXPECT_EQ(AddLcc(a, *stale.record, "L3"), INVALID_PARAMETER);
+    EXPECT_EQ(AddLcc(a, stale, "L3"), INVALID_PARAMETER);
     EXPECT_EQ(ReadFile(a), bytesAfter);
     ASSERT_EQ(stale.Read(a), SUCCESS);
     EXPECT_EQ(stale.files().uLccCount, 2u);
-    EXPECT_EQ(AddLcc(a, *stale.record, "L3"), SUCCESS);
+    EXPECT_EQ(AddLcc(a, stale, "L3"), SUCCESS);
     ExpectConsistent(a);
 
     // The same record read again from another package holds only that package's files.

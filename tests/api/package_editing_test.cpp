@@ -17,45 +17,23 @@ using qobtest::Info;
 using qobtest::LogCapture;
 using qobtest::MemoryEntry;
 using qobtest::ReadFile;
+using qobtest::UpdateFrom;
 using qobtest::WriteFile;
 
 // Data offset of every file the manifest names, by path.
 std::map<std::string, std::uint32_t> Offsets(Info& info) {
     std::map<std::string, std::uint32_t> offsets;
-    auto add = [&](const QOB_EntryInfo& e) {
-        if (e.szPath[0] != '\0') {
-            offsets[e.szPath] = e.uDataOffset;
-        }
-    };
-    auto& f = info.files();
-    for (const auto* e : {&f.raw, &f.settings, &f.proxy, &f.mask, &f.hair}) {
-        add(*e);
-    }
-    for (std::uint32_t i = 0; i < f.uLccCount; ++i) {
-        add(f.pLccs[i]);
-    }
-    for (std::uint32_t i = 0; i < f.uIccCount; ++i) {
-        add(f.pIccs[i]);
-    }
+    qobtest::ForEachNamed(info, [&](const QOB_EntryInfo& e) { offsets[e.szPath] = e.uDataOffset; });
     return offsets;
 }
 
-// Every package we write must be consistent and satisfy the common zip tools (where they
-// are installed).
+// Every package we write must be consistent and pass unzip's test (where it is installed;
+// the archive interop test runs the other tools on what the archive layer writes).
 void ExpectToolsAccept(const fs::path& package) {
     ExpectConsistent(package);
-#if defined(_WIN32)
-    (void)package;
-#else
-    const std::string quoted = "\"" + package.string() + "\"";
+#if !defined(_WIN32)
     if (qobtest::Run("command -v unzip >/dev/null") == 0) {
-        EXPECT_EQ(qobtest::Run("unzip -tqq " + quoted + " >/dev/null 2>&1"), 0) << "unzip -t";
-    }
-    if (qobtest::Run("command -v 7z >/dev/null") == 0) {
-        EXPECT_EQ(qobtest::Run("7z t " + quoted + " >/dev/null 2>&1"), 0) << "7z t";
-    }
-    if (qobtest::Run("command -v bsdtar >/dev/null") == 0) {
-        EXPECT_EQ(qobtest::Run("bsdtar -tf " + quoted + " >/dev/null 2>&1"), 0) << "bsdtar";
+        EXPECT_EQ(qobtest::Run("unzip -tqq \"" + package.string() + "\" >/dev/null 2>&1"), 0);
     }
 #endif
 }
@@ -72,22 +50,8 @@ protected:
         mask = dir / "m.msk";
         WriteFile(mask, std::string(1000, 'm'));
         package = dir / "pkg.qob";
-        args = std::make_unique<QOB_CreateArgs>();
-        QOB_Constructor(args.get(), QOB_OBJECT_CREATE_ARGS);
+        args = qobtest::NewArgs<QOB_CreateArgs>(package);
         args->files.raw = FileEntry(raw);
-        std::strcpy(args->szPackagePath, package.string().c_str());
-    }
-
-    QobErrorCode_e Update(Info& current, const QOB_ImageFiles& files) {
-        auto update = std::make_unique<QOB_UpdateArgs>();
-        QOB_Constructor(update.get(), QOB_OBJECT_UPDATE_ARGS);
-        std::strcpy(update->szPackagePath, package.string().c_str());
-        update->files = files;
-        std::memcpy(&update->info, current.record.get(), sizeof(QOB_PackageInfo));
-        const QobErrorCode_e result = QOB_Update(update.get());
-        // The host's record now describes the package; it owns the (grown) lists.
-        std::memcpy(current.record.get(), &update->info, sizeof(QOB_PackageInfo));
-        return result;
     }
 
     qobtest::TempDir dir;
@@ -159,9 +123,7 @@ TEST_F(PackageEditing, CreateFullSetFromFilesAndMemoryThenQuery) {
     EXPECT_EQ(entry.uStoredSize, lccB.size());
 
     // One entry back into a buffer: exact size fits, one byte short does not.
-    auto extract = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(extract->szPackagePath, package.string().c_str());
+    auto extract = qobtest::NewArgs<QOB_ExtractArgs>(package);
     std::strcpy(extract->szEntryPath, "Quillmarsh/Settings1680/IMG_0001.CR3.LA.lcc");
     extract->eMode = QOB_EXTRACT_TO_BUFFER;
     std::string buffer(lccA.size(), '\0');
@@ -194,7 +156,7 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
     const fs::path newSettings = dir / "new settings.xmp";
     WriteFile(newSettings, std::string(900, 'S'));
     files.settings = FileEntry(newSettings);
-    ASSERT_EQ(Update(info, files), SUCCESS);
+    ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
     EXPECT_EQ(fs::file_size(package), sizeBefore);
     Info after;
     ASSERT_EQ(after.Read(package), SUCCESS);
@@ -206,7 +168,7 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
     files = {};
     WriteFile(mask, std::string(1000, 'M')); // 1000 of 2000 bytes of space
     files.mask = FileEntry(mask);
-    ASSERT_EQ(Update(info, files), SUCCESS);
+    ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
     ASSERT_EQ(after.Read(package), SUCCESS);
     EXPECT_EQ(after.files().mask.uReservedSpace, 0u);
     EXPECT_NE(after.files().mask.uDataOffset, offsetsBefore.at(after.files().mask.szPath));
@@ -215,14 +177,14 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
     WriteFile(newSettings, std::string(100, 'T'));
     files = {};
     files.settings = FileEntry(newSettings);
-    ASSERT_EQ(Update(info, files), SUCCESS);
+    ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
     ASSERT_EQ(after.Read(package), SUCCESS);
     EXPECT_EQ(after.files().settings.uDataOffset, settingsOffset);
     EXPECT_EQ(after.files().settings.uReservedSpace, 2900u);
 
     // Growing past the space moves the entry to the end.
     WriteFile(newSettings, std::string(5000, 'U'));
-    ASSERT_EQ(Update(info, files), SUCCESS);
+    ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
     ASSERT_EQ(after.Read(package), SUCCESS);
     EXPECT_EQ(after.files().settings.uStoredSize, 5000u);
     EXPECT_GT(after.files().settings.uDataOffset, settingsOffset);
@@ -235,7 +197,7 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
         files = {};
         files.uLccCount = 1;
         files.pLccs = &lcc;
-        ASSERT_EQ(Update(info, files), SUCCESS);
+        ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
     }
     EXPECT_EQ(info.files().uLccCount, 2u);
     ASSERT_EQ(after.Read(package), SUCCESS);
@@ -249,11 +211,7 @@ TEST_F(PackageEditing, ExtractAllAndRemove) {
     args->files.proxy = FileEntry(proxy);
     ASSERT_EQ(QOB_Create(args.get()), SUCCESS);
     const fs::path out = dir / "out dir";
-    auto extract = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(extract->szPackagePath, package.string().c_str());
-    std::strcpy(extract->szDestination, out.string().c_str());
-    ASSERT_EQ(QOB_Extract(extract.get()), SUCCESS);
+    ASSERT_EQ(qobtest::ExtractAll(package, out), SUCCESS);
     EXPECT_EQ(ReadFile(out / "IMG_0001.CR3"), ReadFile(raw));
     // The stem (up to the last dot) plus the extension from the first dot.
     EXPECT_EQ(ReadFile(out / "Quillmarsh/Settings1680/IMG_0001.CR3.CR3.xmp"), ReadFile(settings));
@@ -261,7 +219,7 @@ TEST_F(PackageEditing, ExtractAllAndRemove) {
     EXPECT_FALSE(fs::exists(out / "manifest.xml"));
     {
         LogCapture log(&QOB_SetLogFn);
-        ASSERT_EQ(QOB_Extract(extract.get()), SUCCESS);
+        ASSERT_EQ(qobtest::ExtractAll(package, out), SUCCESS);
         EXPECT_EQ(log.Count("Archive::Extract: overwriting"), 3u);
     }
 

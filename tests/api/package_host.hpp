@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <type_traits>
 
 namespace qobtest {
 
@@ -51,20 +52,53 @@ struct Info {
     std::unique_ptr<QOB_PackageInfo> record;
 };
 
-// Every path of the image's files, as the manifest names them.
-inline std::set<std::string> NamedPaths(Info& info) {
-    std::set<std::string> paths;
+// A call record constructed, with the package path filled in.
+template <typename Args> std::unique_ptr<Args> NewArgs(const std::filesystem::path& package) {
+    constexpr QOB_ObjectType type = std::is_same_v<Args, QOB_CreateArgs> ? QOB_OBJECT_CREATE_ARGS
+                                    : std::is_same_v<Args, QOB_UpdateArgs>
+                                        ? QOB_OBJECT_UPDATE_ARGS
+                                        : QOB_OBJECT_EXTRACT_ARGS;
+    auto args = std::make_unique<Args>();
+    EXPECT_EQ(QOB_Constructor(args.get(), type), SUCCESS);
+    std::strcpy(args->szPackagePath, package.string().c_str());
+    return args;
+}
+
+inline QobErrorCode_e ExtractAll(const std::filesystem::path& package,
+                                 const std::filesystem::path& destination) {
+    auto args = NewArgs<QOB_ExtractArgs>(package);
+    std::strcpy(args->szDestination, destination.string().c_str());
+    args->eMode = QOB_EXTRACT_ALL;
+    return QOB_Extract(args.get());
+}
+
+// QOB_Update from the host's description, which then holds (and owns) what the call returned.
+inline QobErrorCode_e UpdateFrom(Info& current, const std::filesystem::path& package,
+                                 const QOB_ImageFiles& files) {
+    auto update = NewArgs<QOB_UpdateArgs>(package);
+    update->files = files;
+    std::memcpy(&update->info, current.record.get(), sizeof(QOB_PackageInfo));
+    const QobErrorCode_e result = QOB_Update(update.get());
+    std::memcpy(current.record.get(), &update->info, sizeof(QOB_PackageInfo));
+    return result;
+}
+
+// Every file the manifest names, in record order.
+template <typename Fn> void ForEachNamed(Info& info, Fn&& fn) {
     auto& f = info.files();
     for (const auto* e : {&f.raw, &f.settings, &f.proxy, &f.mask, &f.hair}) {
-        paths.insert(e->szPath);
+        if (e->szPath[0] != '\0') {
+            fn(*e);
+        }
     }
-    for (std::uint32_t i = 0; i < f.uLccCount; ++i) {
-        paths.insert(f.pLccs[i].szPath);
+    for (std::uint32_t i = 0; i < f.uLccCount + f.uIccCount; ++i) {
+        fn(i < f.uLccCount ? f.pLccs[i] : f.pIccs[i - f.uLccCount]);
     }
-    for (std::uint32_t i = 0; i < f.uIccCount; ++i) {
-        paths.insert(f.pIccs[i].szPath);
-    }
-    paths.erase("");
+}
+
+inline std::set<std::string> NamedPaths(Info& info) {
+    std::set<std::string> paths;
+    ForEachNamed(info, [&](const QOB_EntryInfo& e) { paths.insert(e.szPath); });
     return paths;
 }
 
@@ -77,9 +111,7 @@ inline void ExpectConsistent(const std::filesystem::path& package, bool extractA
     Info info;
     ASSERT_EQ(info.Read(package), SUCCESS);
     const std::set<std::string> named = NamedPaths(info);
-    auto extract = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(extract->szPackagePath, package.string().c_str());
+    auto extract = NewArgs<QOB_ExtractArgs>(package);
     for (const std::string& path : named) {
         std::strcpy(extract->szEntryPath, path.c_str());
         std::string buffer(1 << 20, '\0');
@@ -92,9 +124,7 @@ inline void ExpectConsistent(const std::filesystem::path& package, bool extractA
         return;
     }
     TempDir out;
-    std::strcpy(extract->szDestination, (out.path() / "all").string().c_str());
-    extract->eMode = QOB_EXTRACT_ALL;
-    ASSERT_EQ(QOB_Extract(extract.get()), SUCCESS);
+    ASSERT_EQ(ExtractAll(package, out / "all"), SUCCESS);
     std::size_t files = 0;
     for (const auto& item : std::filesystem::recursive_directory_iterator(out.path())) {
         files += item.is_regular_file() ? 1 : 0;

@@ -2,7 +2,6 @@
 
 #include "archive/archive_test_util.hpp"
 #include "common/test_files.hpp"
-#include "support/log.hpp"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -145,26 +144,6 @@ TEST(ArchiveTest, RemoveCompactsTheFile) {
     }
     EXPECT_EQ(std::filesystem::file_size(path), 22u);
     EXPECT_TRUE(QOB::Archive(path, true).List().empty());
-}
-
-TEST(ArchiveTest, ExtractCreatesDirectoriesAndOverwrites) {
-    TempDir dir;
-    const auto path = dir / "x.zip";
-    const std::string content = RandomBytes(150000, 5);
-    {
-        QOB::Archive archive(path, false);
-        archive.Insert(QOB::Path("pic.raw"), Bytes(content), content.size(), 1000);
-    }
-    QOB::Archive archive(path, true);
-    const auto target = dir / "out" / "deep" / "pic.raw";
-    LogCapture log(&QOB::SetLogSink);
-    archive.Extract(QOB::Path("pic.raw"), target, true);
-    EXPECT_TRUE(ReadFile(target) == content);
-    WriteFile(target, std::string(200000, 'z'));
-    archive.Extract(QOB::Path("PIC.RAW"), target, true);
-    EXPECT_TRUE(ReadFile(target) == content);
-    EXPECT_EQ(log.Count("[QOB][WARN ] Archive::Extract: overwriting \"" + target.string() + "\""),
-              1u);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // Packages past 2 GiB: file positions that a 32-bit long takes as negative (Windows), and an
 // entry larger than one read call of the zip layer can return. The raw image is a sparse file,
 // so only the package and one extracted copy take disk space, and both go at the end.
-#include "common/test_files.hpp"
+#include "api/package_host.hpp"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qobtest::Info;
+using qobtest::MemoryEntry;
 
 constexpr std::uint64_t kRawSize = 0xA0000000; // 2.5 GiB
 constexpr std::uint64_t kTwoGiB = std::uint64_t{1} << 31;
@@ -37,37 +39,10 @@ void ExpectRawBytes(const char* bytes, const char* where) {
     EXPECT_TRUE(std::all_of(middle, middle + 8192, [](char c) { return c == 0; })) << where;
 }
 
-QOB_EntryInfo MemoryEntry(const char* name, const std::string& bytes, const char* id = "") {
-    QOB_EntryInfo entry{};
-    std::strcpy(entry.szPath, name);
-    std::strcpy(entry.szIdentifier, id);
-    entry.ePackingType = QOB_PACK_FROM_MEMORY;
-    entry.pBuffer = bytes.data();
-    entry.uBufferLength = static_cast<std::uint32_t>(bytes.size());
-    entry.uStoredSize = entry.uBufferLength;
-    return entry;
-}
-
-struct Info {
-    Info() : record(std::make_unique<QOB_PackageInfo>()) {
-        QOB_Constructor(record.get(), QOB_OBJECT_PACKAGE_INFO);
-    }
-    ~Info() { QOB_Destructor(record.get(), QOB_OBJECT_PACKAGE_INFO); }
-    QobErrorCode_e Read(const fs::path& file) {
-        QOB_Destructor(record.get(), QOB_OBJECT_PACKAGE_INFO);
-        QOB_Constructor(record.get(), QOB_OBJECT_PACKAGE_INFO);
-        std::strcpy(record->szPackagePath, file.string().c_str());
-        return QOB_GetPackageInfo(record.get());
-    }
-    std::unique_ptr<QOB_PackageInfo> record;
-};
-
 // Extracts one entry into a buffer of the given size; empty on failure.
 std::unique_ptr<char[]> ExtractToBuffer(const fs::path& package, const char* entry,
                                         std::uint64_t size) {
-    auto args = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(args.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(args->szPackagePath, package.string().c_str());
+    auto args = qobtest::NewArgs<QOB_ExtractArgs>(package);
     std::strcpy(args->szEntryPath, entry);
     args->eMode = QOB_EXTRACT_TO_BUFFER;
     auto buffer = std::make_unique<char[]>(static_cast<std::size_t>(size));
@@ -87,15 +62,11 @@ TEST(BigPackage, CreateReadUpdateExtractPastTwoGiB) {
     const std::string lcc = "lens cast calibration";
     const std::string icc = "colour profile";
 
-    auto create = std::make_unique<QOB_CreateArgs>();
-    QOB_Constructor(create.get(), QOB_OBJECT_CREATE_ARGS);
-    std::strcpy(create->szPackagePath, package.string().c_str());
-    std::strcpy(create->files.raw.szPath, raw.string().c_str());
-    create->files.raw.ePackingType = QOB_PACK_FROM_FILE;
-    create->files.settings = MemoryEntry("edit.xmp", settings);
-    create->files.settings.uReservedSpace = 1000;
-    QOB_EntryInfo lccs[] = {MemoryEntry("a.lcc", lcc, "LCC-1")};
-    QOB_EntryInfo iccs[] = {MemoryEntry("d.icc", icc, "ICC-1")};
+    auto create = qobtest::NewArgs<QOB_CreateArgs>(package);
+    create->files.raw = qobtest::FileEntry(raw);
+    create->files.settings = MemoryEntry("edit.xmp", settings, 1000);
+    QOB_EntryInfo lccs[] = {MemoryEntry("a.lcc", lcc, 0, "LCC-1")};
+    QOB_EntryInfo iccs[] = {MemoryEntry("d.icc", icc, 0, "ICC-1")};
     create->files.uLccCount = 1;
     create->files.pLccs = lccs;
     create->files.uIccCount = 1;
@@ -124,14 +95,9 @@ TEST(BigPackage, CreateReadUpdateExtractPastTwoGiB) {
     // An edit past 2 GiB stays in place.
     const std::string edited(3500, 'e');
     const std::uint32_t settingsOffset = files.settings.uDataOffset;
-    auto update = std::make_unique<QOB_UpdateArgs>();
-    QOB_Constructor(update.get(), QOB_OBJECT_UPDATE_ARGS);
-    std::strcpy(update->szPackagePath, package.string().c_str());
-    update->files.settings = MemoryEntry("edit.xmp", edited);
-    std::memcpy(&update->info, info.record.get(), sizeof(QOB_PackageInfo));
-    const QobErrorCode_e updated = QOB_Update(update.get());
-    std::memcpy(info.record.get(), &update->info, sizeof(QOB_PackageInfo)); // owns the lists now
-    ASSERT_EQ(updated, SUCCESS);
+    QOB_ImageFiles change{};
+    change.settings = MemoryEntry("edit.xmp", edited);
+    ASSERT_EQ(qobtest::UpdateFrom(info, package, change), SUCCESS);
     ASSERT_EQ(info.Read(package), SUCCESS);
     EXPECT_EQ(files.settings.uDataOffset, settingsOffset);
     if (auto bytes = ExtractToBuffer(package, files.settings.szPath, edited.size())) {
@@ -144,12 +110,8 @@ TEST(BigPackage, CreateReadUpdateExtractPastTwoGiB) {
     }
 
     // Every file to a directory.
-    auto extract = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(extract->szPackagePath, package.string().c_str());
     const fs::path out = dir / "out";
-    std::strcpy(extract->szDestination, out.string().c_str());
-    ASSERT_EQ(QOB_Extract(extract.get()), SUCCESS);
+    ASSERT_EQ(qobtest::ExtractAll(package, out), SUCCESS);
     fs::remove(package);
     const fs::path extracted = out / "IMG_0001.CR3";
     ASSERT_EQ(fs::file_size(extracted), kRawSize);

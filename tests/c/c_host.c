@@ -1,5 +1,6 @@
 /* A C11 host: the header compiles as C, the host installs its own log sink, and every record
- * type goes through the lifecycle. */
+ * type goes through the lifecycle. Given a directory (as the install tests do, built against
+ * the installed package), it also writes a package there and asks whether it is one. */
 #include <qob/qob.h>
 
 #include <stdio.h>
@@ -63,7 +64,26 @@ static int CheckSink(void) {
     return failures;
 }
 
-int main(void) {
+/* A package of one raw image from memory, in dir. */
+static int CheckCreate(const char* dir) {
+    static QOB_CreateArgs args;
+    static const char raw[] = "raw image bytes";
+    QOB_Constructor(&args, QOB_OBJECT_CREATE_ARGS);
+    strcpy(args.files.raw.szPath, "IMG_0001.CR3");
+    args.files.raw.ePackingType = QOB_PACK_FROM_MEMORY;
+    args.files.raw.pBuffer = raw;
+    args.files.raw.uBufferLength = sizeof raw;
+    snprintf(args.szPackagePath, sizeof args.szPackagePath, "%s/c_host.qob", dir);
+    remove(args.szPackagePath);
+    if (QOB_Create(&args) != SUCCESS || QOB_IsQob(args.szPackagePath) != SUCCESS) {
+        fprintf(stderr, "c host: the package was not written\n");
+        return 1;
+    }
+    printf("c host: wrote %s\n", args.szPackagePath);
+    return 0;
+}
+
+int main(int argc, char** argv) {
     int failures = CheckSink();
     failures += Check(QOB_OBJECT_PACKAGE_INFO, sizeof(QOB_PackageInfo));
     failures += Check(QOB_OBJECT_IMAGE_FILES, sizeof(QOB_ImageFiles));
@@ -73,6 +93,9 @@ int main(void) {
     failures += Check(QOB_OBJECT_EXTRACT_ARGS, sizeof(QOB_ExtractArgs));
     if (QOB_Constructor(NULL, QOB_OBJECT_ENTRY_INFO) != INVALID_POINTER) {
         ++failures;
+    }
+    if (argc == 2) {
+        failures += CheckCreate(argv[1]);
     }
     printf("c host: %d failures\n", failures);
     return failures == 0 ? 0 : 1;

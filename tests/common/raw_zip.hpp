@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <initializer_list>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,12 +21,12 @@ public:
         std::uint32_t crc, stored, full, local;
     };
 
-    // A stored entry, or a deflated one (method 8).
+    // A stored entry, or a deflated one (method 8; empty content is always stored).
     std::size_t Add(const std::string& name, const std::string& content, int method = 0) {
-        const std::uint32_t crc = Crc(content);
-        return AddRaw(name, method == 8 ? Deflate(content) : content,
-                      static_cast<std::uint16_t>(method), crc,
-                      static_cast<std::uint32_t>(content.size()));
+        if (method == 8 && !content.empty()) {
+            return AddDeflatedRun(name, content.size(), content);
+        }
+        return AddRaw(name, content, 0, Crc(content), static_cast<std::uint32_t>(content.size()));
     }
 
     // A deflated entry of `size` bytes repeating `unit`, compressed without holding it whole.
@@ -122,22 +121,6 @@ private:
     static std::uint32_t Crc(const std::string& content) {
         return static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(content.data()),
                                                 static_cast<uInt>(content.size())));
-    }
-
-    static std::string Deflate(const std::string& content) {
-        z_stream z{};
-        deflateInit2(&z, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
-        std::string out(deflateBound(&z, static_cast<uLong>(content.size())), '\0');
-        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
-        z.avail_in = static_cast<uInt>(content.size());
-        z.next_out = reinterpret_cast<Bytef*>(out.data());
-        z.avail_out = static_cast<uInt>(out.size());
-        if (deflate(&z, Z_FINISH) != Z_STREAM_END) {
-            throw std::runtime_error("deflate failed");
-        }
-        out.resize(z.total_out);
-        deflateEnd(&z);
-        return out;
     }
 
     std::string data_;

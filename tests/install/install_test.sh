@@ -7,16 +7,8 @@ set -euo pipefail
 build=$1
 consumer=$2
 cc=$3
-work=$(mktemp -d "${TMPDIR:-/tmp}/qob install.XXXXXX") # a space in every path
-trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
-
-cmake --install "$build" --prefix "$prefix" >/dev/null
-
-fail() {
-  echo "install_test: $*" >&2
-  exit 1
-}
+name=install_test
+source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
 [[ -f $prefix/include/qob/qob.h ]] || fail "header not installed"
 pc=$(find "$prefix" -name qob.pc -path '*/pkgconfig/*')
 [[ -n $pc ]] || fail "qob.pc not installed"
@@ -51,6 +43,6 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 # pkg-config escapes the spaces in them with backslashes: let the shell undo that.
 eval "flags=($(pkg-config --cflags --libs qob))"
 [[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
-"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/consumer.c" "${flags[@]}" \
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/../../c/c_host.c" "${flags[@]}" \
   -Wl,-rpath,"$libdir"
 "$work/pc-consumer" "$work"

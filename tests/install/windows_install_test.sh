@@ -10,16 +10,8 @@ consumer=$2
 toolchain=$3
 wine_run=$4
 version=$5
-work=$(mktemp -d "${TMPDIR:-/tmp}/qob winstall.XXXXXX") # a space in every path
-trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
-
-fail() {
-  echo "windows_install_test: $*" >&2
-  exit 1
-}
-
-cmake --install "$build" --prefix "$prefix" >/dev/null
+name=windows_install_test
+source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
 expected=(bin/qob.dll bin/qob.exe lib/qob.lib lib/libqob.dll.a include/qob/qob.h
   lib/cmake/qob/qobConfig.cmake lib/cmake/qob/qobConfigVersion.cmake lib/cmake/qob/qobTargets.cmake
   README.md)
@@ -50,4 +42,4 @@ cmake --build "$work/cmake-build" >/dev/null
 cp "$prefix/bin/qob.dll" "$work/cmake-build/"
 output=$(cd "$work/cmake-build" && "$wine_run" ./consumer.exe .) || fail "consumer failed: $output"
 echo "$output"
-[[ $output == *"consumer: wrote"* ]] || fail "consumer: $output"
+[[ $output == *"c host: wrote"* ]] || fail "consumer: $output"

@@ -10,16 +10,8 @@ clang=$3
 lld_link=$4
 dlltool=$5
 wine_run=$6
-work=$(mktemp -d "${TMPDIR:-/tmp}/qob msvc.XXXXXX") # a space in every path
-trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
-
-fail() {
-  echo "msvc_host_test: $*" >&2
-  exit 1
-}
-
-cmake --install "$build" --prefix "$prefix" >/dev/null
+name=msvc_host_test
+source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
 [[ -f $prefix/lib/qob.lib ]] || fail "qob.lib not installed"
 [[ -f $prefix/bin/qob.dll ]] || fail "qob.dll not installed"
 "$dlltool" -m i386:x86-64 -d "$source/kernel32.def" -l "$work/kernel32.lib"

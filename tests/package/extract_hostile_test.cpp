@@ -1,6 +1,7 @@
 // Extracting hostile packages: entry names that climb out of the destination, links planted
 // below it, entries that land on one output path. Refused with INVALID_PARAMETER; nothing
 // outside the destination is created or changed.
+#include "api/package_host.hpp"
 #include "common/raw_zip.hpp"
 #include "common/test_files.hpp"
 #include "package/package_builder.hpp"
@@ -17,18 +18,20 @@ namespace {
 
 namespace fs = std::filesystem;
 using qobtest::EntrySpec;
+using qobtest::ExtractAll;
+
+QobErrorCode_e ExtractBytes(const fs::path& package, const std::string& bytes,
+                            const fs::path& destination) {
+    qobtest::WriteFile(package, bytes);
+    return ExtractAll(package, destination);
+}
 
 // Extracts everything into root/work/out; returns the result and what root then holds.
 std::pair<QobErrorCode_e, std::set<std::string>> Extract(const fs::path& root,
                                                          const std::vector<EntrySpec>& entries) {
     qobtest::BuildPackage(root / "p.qob", entries);
     fs::create_directories(root / "work" / "out");
-    auto args = std::make_unique<QOB_ExtractArgs>();
-    EXPECT_EQ(QOB_Constructor(args.get(), QOB_OBJECT_EXTRACT_ARGS), SUCCESS);
-    std::strcpy(args->szPackagePath, (root / "p.qob").string().c_str());
-    std::strcpy(args->szDestination, (root / "work" / "out").string().c_str());
-    args->eMode = QOB_EXTRACT_ALL;
-    const QobErrorCode_e result = QOB_Extract(args.get());
+    const QobErrorCode_e result = ExtractAll(root / "p.qob", root / "work" / "out");
     std::set<std::string> names;
     for (const auto& item : fs::recursive_directory_iterator(root)) {
         names.insert(fs::relative(item.path(), root).generic_string());
@@ -70,17 +73,6 @@ std::map<std::string, std::string> Snapshot(const fs::path& root) {
         }
     }
     return tree;
-}
-
-QobErrorCode_e ExtractBytes(const fs::path& package, const std::string& bytes,
-                            const fs::path& destination) {
-    qobtest::WriteFile(package, bytes);
-    auto args = std::make_unique<QOB_ExtractArgs>();
-    EXPECT_EQ(QOB_Constructor(args.get(), QOB_OBJECT_EXTRACT_ARGS), SUCCESS);
-    std::strcpy(args->szPackagePath, package.string().c_str());
-    std::strcpy(args->szDestination, destination.string().c_str());
-    args->eMode = QOB_EXTRACT_ALL;
-    return QOB_Extract(args.get());
 }
 
 // Makes a link; false where the system does not let us (Windows without the privilege).

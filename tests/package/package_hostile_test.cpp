@@ -2,6 +2,7 @@
 // names, millions of unclosed elements, sizes the file cannot hold, names that shadow or
 // collide. Each call runs in a child process with a ceiling on its address space and must
 // answer with the expected code.
+#include "api/package_host.hpp"
 #include "common/raw_zip.hpp"
 #include "common/test_files.hpp"
 #include "package/manifest_format.hpp"
@@ -62,24 +63,6 @@ int Bounded(const std::function<int()>& call) {
     EXPECT_TRUE(WIFEXITED(status)) << "the child died (signal " << WTERMSIG(status) << ")";
     return WIFEXITED(status) ? -WEXITSTATUS(status) : 1;
 #endif
-}
-
-int GetPackageInfo(const fs::path& file) {
-    auto info = std::make_unique<QOB_PackageInfo>();
-    QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
-    std::strcpy(info->szPackagePath, file.string().c_str());
-    const int result = QOB_GetPackageInfo(info.get());
-    QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
-    return result;
-}
-
-int ExtractAll(const fs::path& file, const fs::path& destination) {
-    auto args = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(args.get(), QOB_OBJECT_EXTRACT_ARGS);
-    std::strcpy(args->szPackagePath, file.string().c_str());
-    std::strcpy(args->szDestination, destination.string().c_str());
-    args->eMode = QOB_EXTRACT_ALL;
-    return QOB_Extract(args.get());
 }
 
 TEST(PackageHostile, AnsweredWithSmallMemory) {
@@ -152,8 +135,8 @@ TEST(PackageHostile, AnsweredWithSmallMemory) {
         constexpr int kSilent = -99; // the call did not log why
         EXPECT_EQ(Bounded([&] {
                       qobtest::LogCapture log(&QOB_SetLogFn);
-                      const int code =
-                          c.call == Call::Info ? GetPackageInfo(file) : ExtractAll(file, out);
+                      const int code = c.call == Call::Info ? qobtest::Info().Read(file)
+                                                            : qobtest::ExtractAll(file, out);
                       return c.log == nullptr || log.Contains(c.log) ? code : kSilent;
                   }),
                   c.code);

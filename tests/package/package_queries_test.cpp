@@ -1,6 +1,6 @@
 // Reading packages through the query exports: manifests, version and count rules, filled
 // records that match the bytes on disk.
-#include "common/test_files.hpp"
+#include "api/package_host.hpp"
 #include "package/package_builder.hpp"
 #include "support/log.hpp"
 
@@ -12,19 +12,8 @@
 namespace {
 
 using qobtest::BuildPackage;
+using qobtest::Info;
 using qobtest::Manifest;
-
-struct Info {
-    Info() : record(std::make_unique<QOB_PackageInfo>()) {
-        EXPECT_EQ(QOB_Constructor(record.get(), QOB_OBJECT_PACKAGE_INFO), SUCCESS);
-    }
-    ~Info() { QOB_Destructor(record.get(), QOB_OBJECT_PACKAGE_INFO); }
-    QobErrorCode_e Read(const std::filesystem::path& file) {
-        std::strcpy(record->szPackagePath, file.string().c_str());
-        return QOB_GetPackageInfo(record.get());
-    }
-    std::unique_ptr<QOB_PackageInfo> record;
-};
 
 TEST(PackageQueries, FillsRecordsThatMatchTheArchive) {
     qobtest::TempDir dir;
