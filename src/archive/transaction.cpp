@@ -60,6 +60,11 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
             return; // nested: the outer transaction owns the change
         }
     }
+    if (kind_ == Kind::Change) {
+        // Another user's call may be reading or changing this package behind its own
+        // per-user lock: wait for it. A journal found then was left by a dead process.
+        lock_ = PackageLock(package_, true);
+    }
     RollBackLogged(base_, package_);
     if (kind_ == Kind::Create) {
         staging_ = StagingPath(package_);

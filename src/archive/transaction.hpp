@@ -14,6 +14,7 @@
 
 #include "archive/journal.hpp"
 #include "archive/minizip/io.hpp"
+#include "archive/package_lock.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -65,6 +66,8 @@ private:
     bool committed_ = false;
     bool failed_ = false;
     MiniZip::zlib_filefunc_def base_{};
+    // Held by the owner of a change from before recovery until after commit or rollback.
+    PackageLock lock_;
     std::unique_ptr<JournalWriter> journal_;
     std::uint64_t original_ = 0;
     // Regions of the package saved in the journal, sorted and disjoint.

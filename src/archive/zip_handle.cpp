@@ -1,6 +1,7 @@
 #include "archive/zip_handle.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/journal.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/transaction.hpp"
@@ -39,7 +40,17 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
         raw_ = transaction->FileFunctions();
         file_ = transaction->File();
     } else {
+        packageLock_ = PackageLock(path, false);
+        // A journal seen under the lock was left by a dead process (a live one holds the
+        // lock exclusively): it is rolled back alone, then the lock is shared again.
+        const bool hot = std::filesystem::exists(JournalPath(path));
+        if (hot) {
+            packageLock_.MakeExclusive(true);
+        }
         RecoverInterruptedChange(path);
+        if (hot) {
+            packageLock_.MakeExclusive(false);
+        }
         raw_ = FileFunctions();
     }
     const std::string fileName = PathToUtf8(file_);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "archive/minizip/io.hpp"
+#include "archive/package_lock.hpp"
 #include "archive/read_cache.hpp"
 
 #include <cstdint>
@@ -50,6 +51,9 @@ private:
     void UnzipClose();
     void ResetSeek();
 
+    // Outside a change: a shared lock on the package for the handle's life, so that another
+    // user's change never runs under a read.
+    PackageLock packageLock_;
     void* stream_ = nullptr;
     std::variant<std::monostate, ZipOpenState, UnzipOpenState> state_;
     zlib_filefunc_def raw_{};

@@ -43,6 +43,17 @@ bool SyncDirectory(const std::filesystem::path& directory) noexcept;
 // Tests of atomicity alone (thousands of calls) turn the device flushes off; on by default.
 void SetSyncEnabled(bool enabled) noexcept;
 
+// An advisory lock on one package file. The cross-process lock is per user, so calls of
+// different users may run at once: this lock keeps a change of one package (exclusive) from
+// meeting a read or another change of it (shared or exclusive). It waits as long as needed.
+// Null when there is nothing to lock (no such regular file) or the system has no such
+// locks; the call then goes on without it.
+struct FileLock;
+FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noexcept;
+// Changes a held lock between shared and exclusive (not atomically: others may go first).
+void FileLockConvert(FileLock* lock, bool exclusive) noexcept;
+void FileLockRelease(FileLock* lock) noexcept;
+
 enum class MoveResult { Moved, TargetExists, Failed };
 // Gives the file `from` the name `to` in one step, never replacing an existing `to`.
 MoveResult MoveNoReplace(const std::filesystem::path& from,

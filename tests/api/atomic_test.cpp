@@ -470,38 +470,50 @@ TEST(AtomicCalls, SizeLimits) {
 // Eight processes of a hundred calls each on one package (settings rewritten in place or
 // outgrowing their space, and reads): afterwards it is a valid zip for us and for unzip,
 // every entry reads back, and the manifests name what the zip holds.
+// Eight processes of one user (one lock), then eight as if of eight users: each with a lock
+// of its own, so only the package's own lock keeps their changes and reads apart.
 TEST(AtomicCalls, EightProcessesOnOnePackage) {
-    TempDir dir;
-    const fs::path package = dir / "p.qob";
-    ASSERT_EQ(Create(package), SUCCESS);
-    const std::size_t entries = Take(package).size();
-    std::vector<pid_t> children;
-    for (std::uint32_t p = 0; p < 8; ++p) {
-        const pid_t child = fork();
-        if (child == 0) {
-            for (std::uint32_t i = 0; i < 100; ++i) {
-                const std::string settings = RandomBytes((p + i) % 3 == 0 ? 500 : 3000 + i * 50, i);
-                const QobErrorCode_e result =
-                    (p + i) % 4 == 3 ? QOB_IsQob(package.string().c_str())
-                                     : Update(package, [&](QOB_ImageFiles& f) {
-                                           f.settings = MemoryEntry("IMG_1.xmp", settings, 100);
-                                       });
-                if (result != SUCCESS) {
-                    _exit(1);
+    for (const bool ownLocks : {false, true}) {
+        SCOPED_TRACE(ownLocks ? "a lock per process" : "one lock");
+        TempDir dir;
+        const fs::path package = dir / "p.qob";
+        ASSERT_EQ(Create(package), SUCCESS);
+        const std::size_t entries = Take(package).size();
+        std::vector<pid_t> children;
+        for (std::uint32_t p = 0; p < 8; ++p) {
+            const fs::path runtime = dir / ("run" + std::to_string(p));
+            fs::create_directory(runtime);
+            fs::permissions(runtime, fs::perms::owner_all);
+            const pid_t child = fork();
+            if (child == 0) {
+                if (ownLocks) {
+                    ::setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
                 }
+                for (std::uint32_t i = 0; i < 100; ++i) {
+                    const std::string settings =
+                        RandomBytes((p + i) % 3 == 0 ? 500 : 3000 + i * 50, i);
+                    const QobErrorCode_e result =
+                        (p + i) % 4 == 3 ? QOB_IsQob(package.string().c_str())
+                                         : Update(package, [&](QOB_ImageFiles& f) {
+                                               f.settings = MemoryEntry("IMG_1.xmp", settings, 100);
+                                           });
+                    if (result != SUCCESS) {
+                        _exit(1);
+                    }
+                }
+                _exit(0);
             }
-            _exit(0);
+            children.push_back(child);
         }
-        children.push_back(child);
+        for (const pid_t child : children) {
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        }
+        EXPECT_EQ(Take(package).size(), entries);
+        EXPECT_EQ(qobtest::Run("unzip -tqq '" + package.string() + "' >/dev/null 2>&1"), 0);
+        ExpectConsistent(package);
     }
-    for (const pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    EXPECT_EQ(Take(package).size(), entries);
-    EXPECT_EQ(qobtest::Run("unzip -tqq '" + package.string() + "' >/dev/null 2>&1"), 0);
-    ExpectConsistent(package);
 }
 
 #endif
