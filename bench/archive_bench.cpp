@@ -3,6 +3,8 @@
 #include "archive/archive.hpp"
 #include "support/log.hpp"
 
+#include "bench_scratch.hpp"
+
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
@@ -20,23 +22,8 @@ namespace fs = std::filesystem;
 constexpr std::size_t kMiB = 1024 * 1024;
 constexpr std::size_t kEntry = 16 * 1024;
 
-// Scratch files shared by every benchmark of the run, removed at exit.
-struct Scratch {
-    Scratch() {
-        QOB::SetLogSink([](int, const char*, void*) {}, nullptr);
-        dir = fs::temp_directory_path() / ("qob-bench-" + std::to_string(std::random_device()()));
-        fs::create_directories(dir);
-    }
-    ~Scratch() {
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
-    }
-    fs::path dir;
-};
-
 const fs::path& Dir() {
-    static const Scratch scratch;
-    return scratch.dir;
+    return qobbench::ScratchDir();
 }
 
 std::vector<std::byte> Noise(std::size_t size, std::uint32_t seed) {

@@ -6,6 +6,8 @@
 
 #include <qob/qob.h>
 
+#include "bench_scratch.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -21,23 +23,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace QOB::MiniZip;
 
-struct Scratch {
-    Scratch() {
-        QOB::SetLogSink([](int, const char*, void*) {}, nullptr);
-        const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        dir = fs::temp_directory_path() / ("qob_hostile_bench_" + std::to_string(stamp));
-        fs::create_directories(dir);
-    }
-    ~Scratch() {
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
-    }
-    fs::path dir;
-};
-
 const fs::path& Dir() {
-    static const Scratch scratch;
-    return scratch.dir;
+    return qobbench::ScratchDir();
 }
 
 // Entries written through the zip layer in one session: one central directory at the end.

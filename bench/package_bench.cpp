@@ -6,6 +6,8 @@
 
 #include <qob/qob.h>
 
+#include "bench_scratch.hpp"
+
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
@@ -28,32 +30,8 @@ namespace fs = std::filesystem;
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
-void Quiet(int /*level*/, const char* /*text*/, void* /*user*/) {}
-
-// The scratch directory, removed with everything in it when the program ends.
-class Workspace {
-public:
-    Workspace() {
-        QOB::SetLogSink(&Quiet, nullptr);
-        const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        dir_ = fs::temp_directory_path() / ("qob_package_bench_" + std::to_string(stamp));
-        fs::create_directories(dir_);
-    }
-    ~Workspace() {
-        std::error_code ignored;
-        fs::remove_all(dir_, ignored);
-    }
-    Workspace(const Workspace&) = delete;
-    Workspace& operator=(const Workspace&) = delete;
-    fs::path operator/(const std::string& name) const { return dir_ / name; }
-
-private:
-    fs::path dir_;
-};
-
-Workspace& Space() {
-    static Workspace space;
-    return space;
+const fs::path& Space() {
+    return qobbench::ScratchDir();
 }
 
 // size bytes of cheap pseudo-random content (incompressible enough to look like image data).
