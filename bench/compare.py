@@ -2,8 +2,12 @@
 """qob against the usual zip tools on the same generated files.
 
 Each figure is the median of several runs of a whole process (except the package info,
-which is per call inside one process). Prints a table with ratios and, with --write,
-rewrites the generated part of docs/performance.md and its chart (gnuplot, when present).
+which is per call inside one process). qob's changing commands flush to the device and the
+other tools do not, so they are timed a second time under eatmydata (when installed), which
+turns the flushes into no-ops: that figure is the one to set against the others, and the
+difference is what durability costs. Prints a table with ratios and the peak memory of
+create and extract and, with --write, rewrites the generated part of docs/performance.md
+and its chart (gnuplot, when present).
 
     bench/compare.py --qob build/release/bin/qob --lib build/release/lib/libqob.so [--write]
 """
@@ -54,6 +58,15 @@ def command(*args, cwd=None):
     return run
 
 
+def peak_rss_mib(*args):
+    """The largest resident set of one run of a command, in MiB."""
+    child = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(child.pid, 0)
+    if status != 0:
+        raise RuntimeError(f"{args[0]} failed")
+    return usage.ru_maxrss / 1024
+
+
 def have(tool):
     return shutil.which(tool) is not None
 
@@ -88,6 +101,15 @@ class Workspace:
 
 def measure(qob, lib, raw_mib):
     rows = []
+    memory = {}
+    unflushed = ["eatmydata"] if have("eatmydata") else None
+
+    def twice(args, prepare, cwd=None):
+        """qob's time as it is, and without device flushes (None without eatmydata)."""
+        durable = median_seconds(command(*args, cwd=cwd), prepare)
+        if unflushed is None:
+            return durable, None
+        return durable, median_seconds(command(*unflushed, *args, cwd=cwd), prepare)
     with tempfile.TemporaryDirectory(prefix="qob-compare-") as root:
         ws = Workspace(root, raw_mib)
         template = ws.path("template.qob")
@@ -112,10 +134,14 @@ def measure(qob, lib, raw_mib):
             return prepare
 
         # Create.
-        floor = median_seconds(
-            lambda: subprocess.run("cat " + " ".join(f'"{p}"' for p, _ in ws.files.values())
-                                   + f' > "{ws.path("cat.out")}"', shell=True, check=True))
-        ours = median_seconds(command(*ws.create_args(qob, target)), fresh())
+        cat = ("cat " + " ".join(f'"{p}"' for p, _ in ws.files.values())
+               + f' > "{ws.path("cat.out")}"')
+        floor = median_seconds(lambda: subprocess.run(cat, shell=True, check=True))
+        durable_floor = median_seconds(lambda: subprocess.run(
+            cat + f' && sync -d "{ws.path("cat.out")}"', shell=True, check=True))
+        ours = twice(ws.create_args(qob, target), fresh())
+        fresh()()
+        memory["create"] = peak_rss_mib(*ws.create_args(qob, target))
         others = {}
         if have("7z"):
             zipped = ws.path("7z.zip")
@@ -126,13 +152,13 @@ def measure(qob, lib, raw_mib):
             others["zip -0"] = median_seconds(command("zip", "-q", "-0", zipped, *entries,
                                                       cwd=tree), fresh(zipped))
         rows.append(("create a package (raw + 5 companions + 23 manifests)", ours, others,
-                     ("cat", floor)))
+                     [("cat", floor, ours[1]), ("cat, then sync -d", durable_floor, ours[0])]))
 
         # Replace the settings.
         zipped = ws.path("edit.zip")
         subprocess.run(["zip", "-q", "-0", zipped, *entries], cwd=tree, check=True)
-        ours = median_seconds(command(qob, "update", target, "--settings", ws.new_settings),
-                              copy_of(template, target))
+        ours = twice([qob, "update", target, "--settings", ws.new_settings],
+                     copy_of(template, target))
         others = {}
         if have("zip"):
             shutil.copyfile(ws.new_settings, os.path.join(tree, SETTINGS_ENTRY))
@@ -146,8 +172,7 @@ def measure(qob, lib, raw_mib):
             [qob, "rm", "--help"], capture_output=True).stdout else []
         for label, entry in (("remove the first entry (the raw image)", RAW),
                              ("remove the proxy", PROXY_ENTRY)):
-            ours = median_seconds(command(qob, "rm", *force, target, entry),
-                                  copy_of(template, target))
+            ours = twice([qob, "rm", *force, target, entry], copy_of(template, target))
             others = {}
             if have("zip"):
                 others["zip -d"] = median_seconds(command("zip", "-q", "-d", ws.path("work.zip"),
@@ -174,7 +199,7 @@ def measure(qob, lib, raw_mib):
                 for _ in range(calls):
                     if qoblib.QOB_GetPackageInfo(record) != 0:
                         raise RuntimeError("QOB_GetPackageInfo failed")
-            ours = median_seconds(info_calls) / calls
+            ours = (median_seconds(info_calls) / calls, None)
             qoblib.QOB_Destructor(record, 0)
 
         def python_calls(calls=300):
@@ -191,7 +216,9 @@ def measure(qob, lib, raw_mib):
 
         def clean():
             shutil.rmtree(out, ignore_errors=True)
-        ours = median_seconds(command(qob, "extract", template, out), clean)
+        ours = (median_seconds(command(qob, "extract", template, out), clean), None)
+        clean()
+        memory["extract"] = peak_rss_mib(qob, "extract", template, out)
         others = {}
         if have("7z"):
             others["7z x"] = median_seconds(command("7z", "x", "-y", "-o" + out, template), clean)
@@ -202,7 +229,7 @@ def measure(qob, lib, raw_mib):
                                stderr=subprocess.DEVNULL)
             others["bsdtar"] = median_seconds(bsdtar, clean)
         rows.append(("extract all", ours, others, None))
-    return rows
+    return rows, memory
 
 
 def show(seconds):
@@ -213,16 +240,22 @@ def show(seconds):
     return f"{seconds:.3f} s"
 
 
-def table(rows, raw_mib):
-    lines = [f"| work ({raw_mib} MiB raw) | qob | the best other tool | qob / best | floor |",
-             "|---|---|---|---|---|"]
-    for label, ours, others, floor in rows:
+def table(rows, memory, raw_mib):
+    lines = [f"| work ({raw_mib} MiB raw) | qob | qob without device flushes | the best other "
+             "tool | qob / best | without flushes / best | floor |",
+             "|---|---|---|---|---|---|---|"]
+    for label, (ours, unflushed), others, floors in rows:
         best_name, best = min(others.items(), key=lambda kv: kv[1]) if others else ("-", None)
         ratio = f"{ours / best:.2f}x" if best else "-"
-        floor_text = (f"`{floor[0]}` {show(floor[1])}: qob is {ours / floor[1]:.2f}x"
-                      if floor else "")
+        unflushed_ratio = f"{unflushed / best:.2f}x" if best and unflushed else "-"
+        floor_text = "; ".join(f"`{name}` {show(seconds)}: qob is {mine / seconds:.2f}x"
+                               for name, seconds, mine in floors or [] if mine)
         best_text = f"`{best_name}` {show(best)}" if best else "-"
-        lines.append(f"| {label} | {show(ours)} | {best_text} | {ratio} | {floor_text} |")
+        lines.append(f"| {label} | {show(ours)} | {show(unflushed) if unflushed else '-'} | "
+                     f"{best_text} | {ratio} | {unflushed_ratio} | {floor_text} |")
+    lines.append("")
+    lines.append("Peak resident memory of one whole `qob` process: "
+                 + ", ".join(f"{work} {mib:.1f} MiB" for work, mib in memory.items()) + ".")
     return "\n".join(lines)
 
 
@@ -232,20 +265,24 @@ def chart(rows, path):
         return False
     data = path + ".dat"
     with open(data, "w") as out:
-        for i, (label, ours, others, _) in enumerate(rows):
+        for label, (ours, unflushed), others, _ in rows:
             best = min(others.values()) if others else ours
-            out.write(f'{i} "{label.split(" (")[0]}" {ours / best:.3f}\n')
+            out.write(f'"{label.split(" (")[0]}" {ours / best:.3f} '
+                      f'{(unflushed or ours) / best:.3f}\n')
     script = f"""
 set terminal svg size 900,420 font "sans,12"
 set output "{path}"
+set style data histograms
+set style histogram cluster gap 1
 set style fill solid 0.8
-set boxwidth 0.6
 set ylabel "qob time / best other tool (lower is better)"
 set yrange [0:*]
 set xtics rotate by -20
 set grid ytics
-unset key
-plot "{data}" using 1:3:xtic(2) with boxes lc rgb "#3b6ea5", 1 with lines lc rgb "#b03030" dt 2
+set key top left
+plot "{data}" using 2:xtic(1) title "durable (as shipped)" lc rgb "#3b6ea5", \\
+     "" using 3 title "without device flushes" lc rgb "#8fb3d9", \\
+     1 with lines lc rgb "#b03030" dt 2 notitle
 """
     subprocess.run(["gnuplot"], input=script.encode(), check=True)
     os.remove(data)
@@ -263,8 +300,8 @@ def main():
                         help="rewrite the generated table and chart in docs/")
     args = parser.parse_args()
     lib = args.lib if os.path.exists(args.lib) else None
-    rows = measure(os.path.abspath(args.qob), lib, args.raw_mib)
-    text = table(rows, args.raw_mib)
+    rows, memory = measure(os.path.abspath(args.qob), lib, args.raw_mib)
+    text = table(rows, memory, args.raw_mib)
     print(text)
     if args.write:
         docs = os.path.join(here, "..", "docs")

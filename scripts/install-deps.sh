@@ -12,6 +12,10 @@ packages=(
 if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(libclang-rt-14-dev)
 fi
+if [[ "${QOB_WITH_BENCH:-0}" == 1 ]]; then
+  # bench/compare.py: the chart, and runs without device flushes to set against the others
+  packages+=(gnuplot-nox eatmydata)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

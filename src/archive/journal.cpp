@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 namespace QOB {
@@ -24,6 +25,8 @@ constexpr std::uint32_t kVersion = 1;
 constexpr std::uint32_t kHeaderSize = 32;
 constexpr std::uint32_t kRecordMagic = 0x44524352; // "RCRD"
 constexpr std::uint32_t kRecordHeaderSize = 20;
+constexpr std::uint32_t kClosingMagic = 0x454E4F44; // "DONE"
+constexpr std::uint32_t kClosingSize = 16;
 constexpr std::uint32_t kCopyChunk = 65536;
 
 void Put64(std::uint8_t* p, std::uint64_t value) noexcept {
@@ -65,11 +68,12 @@ struct Record {
 };
 
 // The records whose checksum holds, up to the first that does not: that one, and all
-// after it, protected regions that were never written.
-std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t original) {
+// after it, protected regions that were never written. `end` is where they stop.
+std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t original, std::uint64_t& end) {
     std::vector<Record> records;
     std::vector<std::uint8_t> buffer(kCopyChunk);
-    std::uint64_t position = kHeaderSize;
+    std::uint64_t& position = end;
+    position = kHeaderSize;
     for (;;) {
         std::array<std::uint8_t, kRecordHeaderSize> head{};
         if (!journal->ReadAt(position, head.data(), kRecordHeaderSize) ||
@@ -100,6 +104,17 @@ std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t original) {
             {offset, static_cast<std::uint32_t>(length), position + kRecordHeaderSize});
         position += kRecordHeaderSize + length + 4;
     }
+}
+
+// The length the closing record at `position` gives, if one is there whole.
+std::optional<std::uint64_t> ClosingLength(OpenStream& journal, std::uint64_t position) {
+    std::array<std::uint8_t, kClosingSize> record{};
+    if (!journal->ReadAt(position, record.data(), kClosingSize) ||
+        Bytes::Get32(record.data()) != kClosingMagic ||
+        Bytes::Get32(record.data() + 12) != Crc(0, record.data(), 12)) {
+        return std::nullopt;
+    }
+    return Get64(record.data() + 4);
 }
 
 [[noreturn]] void CannotRestore() {
@@ -173,12 +188,32 @@ bool JournalWriter::Append(void* packageStream, std::uint32_t offset, std::uint3
     return Put(tail.data(), 4) && package.SeekTo(back);
 }
 
+bool JournalWriter::Finish(std::uint64_t length) {
+    StreamAccess journal(io_, stream_);
+    const auto position = journal.Tell();
+    if (!position) {
+        return false;
+    }
+    std::array<std::uint8_t, kClosingSize> record{};
+    Bytes::Put32(record.data(), kClosingMagic);
+    Put64(record.data() + 4, length);
+    Bytes::Put32(record.data() + 12, Crc(0, record.data(), 12));
+    finishedAt_ = *position;
+    return Put(record.data(), kClosingSize);
+}
+
+bool JournalWriter::Retract() {
+    StreamAccess journal(io_, stream_);
+    return finishedAt_ != 0 && journal.Truncate(static_cast<std::uint32_t>(finishedAt_)) == 0 &&
+           journal.SeekTo(finishedAt_) && Sync();
+}
+
 bool JournalWriter::Sync() {
     return Platform::SyncFile(path_);
 }
 
-Recovery RollBackFromJournal(const MiniZip::zlib_filefunc_def& io,
-                             const std::filesystem::path& package) {
+Recovery RecoverFromJournal(const MiniZip::zlib_filefunc_def& io,
+                            const std::filesystem::path& package) {
     const std::filesystem::path path = JournalPath(package);
     std::error_code error;
     if (!std::filesystem::exists(path, error)) {
@@ -202,11 +237,23 @@ Recovery RollBackFromJournal(const MiniZip::zlib_filefunc_def& io,
             if (original > 0xFFFFFFFFu) {
                 CannotRestore();
             }
-            const std::vector<Record> records = ValidRecords(journal, original);
+            std::uint64_t end = 0;
+            std::vector<Record> records = ValidRecords(journal, original, end);
             OpenStream target(io, package,
                               MiniZip::kOpenRead | MiniZip::kOpenWrite | MiniZip::kOpenExisting);
             if (!target) {
                 CannotRestore();
+            }
+            std::uint64_t length = original;
+            result = Recovery::RolledBack;
+            if (const auto closing = ClosingLength(journal, end)) {
+                // Committed: the package holds the new bytes and only its cut is owed.
+                if (*closing > 0xFFFFFFFFu || *closing > std::filesystem::file_size(package)) {
+                    CannotRestore();
+                }
+                length = *closing;
+                records.clear();
+                result = Recovery::Completed;
             }
             std::vector<std::uint8_t> buffer(kCopyChunk);
             for (const Record& record : records) {
@@ -219,13 +266,12 @@ Recovery RollBackFromJournal(const MiniZip::zlib_filefunc_def& io,
                     done += round;
                 }
             }
-            if (target->Truncate(static_cast<std::uint32_t>(original)) != 0) {
+            if (target->Truncate(static_cast<std::uint32_t>(length)) != 0) {
                 CannotRestore();
             }
-            result = Recovery::RolledBack;
         }
     }
-    if (result == Recovery::RolledBack && !Platform::SyncFile(package)) {
+    if (result != Recovery::Discarded && !Platform::SyncFile(package)) {
         CannotRestore();
     }
     if (!std::filesystem::remove(path, error) && error) {

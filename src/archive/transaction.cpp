@@ -40,9 +40,18 @@ void RollBackLogged(const MiniZip::zlib_filefunc_def& io, const std::filesystem:
     // no other call is writing it.
     std::error_code error;
     std::filesystem::remove(StagingPath(package), error);
-    if (RollBackFromJournal(io, package) == Recovery::RolledBack) {
+    switch (RecoverFromJournal(io, package)) {
+    case Recovery::RolledBack:
         LogWarn(Format("rolled back an interrupted change of package \"%s\"",
                        PathToUtf8(package).c_str()));
+        break;
+    case Recovery::Completed:
+        LogWarn(Format("completed an interrupted change of package \"%s\"",
+                       PathToUtf8(package).c_str()));
+        break;
+    case Recovery::NoJournal:
+    case Recovery::Discarded:
+        break;
     }
 }
 
@@ -104,19 +113,13 @@ MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
         const auto* self = static_cast<Transaction*>(opaque);
         return self->base_.zopen_file(self->base_.opaque, name, mode);
     };
-    table.zread_file = [](void* opaque, void* stream, void* buffer, std::uint32_t size) {
-        const auto* self = static_cast<Transaction*>(opaque);
-        return self->base_.zread_file(self->base_.opaque, stream, buffer, size);
-    };
+    table.zread_file = &Transaction::Read;
     table.zwrite_file = &Transaction::Write;
     table.ztell_file = [](void* opaque, void* stream) {
         const auto* self = static_cast<Transaction*>(opaque);
         return self->base_.ztell_file(self->base_.opaque, stream);
     };
-    table.zseek_file = [](void* opaque, void* stream, std::uint32_t offset, int origin) {
-        const auto* self = static_cast<Transaction*>(opaque);
-        return self->base_.zseek_file(self->base_.opaque, stream, offset, origin);
-    };
+    table.zseek_file = &Transaction::Seek;
     table.zclose_file = [](void* opaque, void* stream) {
         const auto* self = static_cast<Transaction*>(opaque);
         return self->base_.zclose_file(self->base_.opaque, stream);
@@ -130,27 +133,79 @@ MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
     return table;
 }
 
+std::uint64_t Transaction::Length() const {
+    return cut_ ? *cut_ : std::filesystem::file_size(File());
+}
+
+std::uint32_t Transaction::Read(void* opaque, void* stream, void* buffer, std::uint32_t size) {
+    const auto* self = static_cast<Transaction*>(opaque);
+    if (self->cut_) {
+        const auto position =
+            MiniZip::PositionFromTell(self->base_.ztell_file(self->base_.opaque, stream));
+        if (!position || *position >= *self->cut_) {
+            return 0;
+        }
+        size = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, *self->cut_ - *position));
+    }
+    return self->base_.zread_file(self->base_.opaque, stream, buffer, size);
+}
+
+long Transaction::Seek(void* opaque, void* stream, std::uint32_t offset, int origin) {
+    const auto* self = static_cast<Transaction*>(opaque);
+    if (self->cut_ && origin == MiniZip::kSeekEnd) {
+        // Distances from the end are negative, as 32-bit two's complement.
+        const std::int64_t target =
+            static_cast<std::int64_t>(*self->cut_) + static_cast<std::int32_t>(offset);
+        if (target < 0 || target > 0xFFFFFFFF) {
+            return -1;
+        }
+        return self->base_.zseek_file(self->base_.opaque, stream,
+                                      static_cast<std::uint32_t>(target), MiniZip::kSeekSet);
+    }
+    return self->base_.zseek_file(self->base_.opaque, stream, offset, origin);
+}
+
 std::uint32_t Transaction::Write(void* opaque, void* stream, const void* buffer,
                                  std::uint32_t size) {
     auto* self = static_cast<Transaction*>(opaque);
-    const long position = self->base_.ztell_file(self->base_.opaque, stream);
-    if (position == -1) {
+    const auto position =
+        MiniZip::PositionFromTell(self->base_.ztell_file(self->base_.opaque, stream));
+    if (!position) {
         return 0;
     }
-    // Where long is 32 bits wide, positions from 2 GiB up arrive negative.
-    const std::uint64_t offset = static_cast<std::uint32_t>(position);
-    if (!self->Protect(stream, offset, offset + size)) {
+    const std::uint64_t offset = *position;
+    // Behind a pending cut the old bytes are still there, not the zeros a real cut leaves.
+    if ((self->cut_ && offset > *self->cut_) || !self->Protect(stream, offset, offset + size)) {
+        self->failed_ = true;
         return 0;
     }
-    return self->base_.zwrite_file(self->base_.opaque, stream, buffer, size);
+    const std::uint32_t written = self->base_.zwrite_file(self->base_.opaque, stream, buffer, size);
+    self->length_ = std::max(self->length_, offset + written);
+    if (self->cut_) {
+        self->cut_ = std::max(*self->cut_, offset + written);
+    }
+    return written;
 }
 
 int Transaction::Truncate(void* opaque, void* stream, std::uint32_t newSize) {
     auto* self = static_cast<Transaction*>(opaque);
-    if (!self->Protect(stream, newSize, UINT64_MAX)) {
+    if (!self->Protect(stream, newSize, newSize)) { // begins the journal
         return -5;
     }
-    return self->base_.ztruncate_file(self->base_.opaque, stream, newSize);
+    if (newSize <= self->cut_.value_or(self->length_)) {
+        self->cut_ = newSize;
+        return 0;
+    }
+    if (self->cut_) {
+        self->failed_ = true; // growing again over old bytes: never asked for
+        return -5;
+    }
+    // Growth needs no record.
+    const int result = self->base_.ztruncate_file(self->base_.opaque, stream, newSize);
+    if (result == 0) {
+        self->length_ = newSize;
+    }
+    return result;
 }
 
 bool Transaction::Protect(void* stream, std::uint64_t begin, std::uint64_t end) noexcept {
@@ -188,6 +243,18 @@ std::uint64_t Transaction::DirectoryStart(void* stream) {
     return start;
 }
 
+bool Transaction::Saved(std::uint64_t begin, std::uint64_t end) const noexcept {
+    for (const auto& [from, to] : saved_) {
+        if (begin >= end) {
+            break;
+        }
+        if (from <= begin && begin < to) {
+            begin = to;
+        }
+    }
+    return begin >= end;
+}
+
 void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end) {
     const bool first = !journal_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> wanted;
@@ -196,13 +263,21 @@ void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_
         if (original_ > 0xFFFFFFFFu) {
             throw Exception(INVALID_PARAMETER, "package too large to change");
         }
+        length_ = original_;
         journal_ = std::make_unique<JournalWriter>(base_, JournalPath(package_));
         if (!journal_->Begin(original_)) {
             throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
         }
         wanted.emplace_back(DirectoryStart(stream), original_);
     }
-    wanted.emplace_back(begin, std::min(end, original_)); // growth needs no record
+    std::uint64_t stop = end;
+    if (begin != runEnd_) {
+        runStart_ = begin;
+    } else if (!Saved(begin, std::min(end, original_))) {
+        stop = std::max(end, begin + (begin - runStart_));
+    }
+    runEnd_ = end;
+    wanted.emplace_back(begin, std::min(stop, original_)); // growth needs no record
     bool appended = false;
     for (const auto& [from, to] : wanted) {
         // The parts of [from, to) not saved yet, in order.
@@ -266,6 +341,9 @@ void Transaction::Commit() {
         committed_ = true; // nothing was written
         return;
     }
+    if (cut_ && *cut_ < length_) {
+        Cut();
+    }
     journal_->Close();
     if (!Platform::SyncFile(package_)) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
@@ -281,6 +359,31 @@ void Transaction::Commit() {
     // roll back this one call, which is still all or nothing.
 }
 
+void Transaction::Cut() {
+    // The new bytes must be on the device before the closing record says they are whole.
+    if (!Platform::SyncFile(package_)) {
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
+    }
+    if (!journal_->Finish(*cut_) || !journal_->Sync()) {
+        journal_->Retract();
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+    }
+    bool cut = false;
+    if (void* stream =
+            base_.zopen_file(base_.opaque, PathToUtf8(package_).c_str(),
+                             MiniZip::kOpenRead | MiniZip::kOpenWrite | MiniZip::kOpenExisting)) {
+        cut = base_.ztruncate_file(base_.opaque, stream, static_cast<std::uint32_t>(*cut_)) == 0;
+        base_.zclose_file(base_.opaque, stream);
+    }
+    if (!cut) {
+        // Not cut, so nothing is lost yet: without its closing record the journal rolls the
+        // change back. Should even that fail, the next open completes the change instead.
+        journal_->Retract();
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to cut the package to its new length");
+    }
+    length_ = *cut_;
+}
+
 void Transaction::RollBack() noexcept {
     try {
         if (kind_ == Kind::Create) {
@@ -293,7 +396,7 @@ void Transaction::RollBack() noexcept {
         }
         journal_->Close();
         journal_.reset();
-        RollBackFromJournal(base_, package_);
+        RecoverFromJournal(base_, package_);
         LogDebug(Format("rolled back the change of package \"%s\"", PathToUtf8(package_).c_str()));
     } catch (...) {
         // The journal stays: the next call on the package rolls back.

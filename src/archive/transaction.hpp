@@ -4,8 +4,10 @@
 // A new package is written under a staging name beside its path and moved into place,
 // never over an existing file, only when complete. An existing package is changed in
 // place behind a rollback journal (archive/journal.hpp): the I/O table that archives opened
-// during the call use saves the original bytes of every region a write or truncate is about
-// to change into the journal, durably, the first time that region is touched.
+// during the call use saves the original bytes of every region a write is about to change
+// into the journal, durably, the first time that region is touched. A cut is not made
+// until the commit: until then the table shows the file as cut (reads stop and the end is
+// there), so the bytes behind it stay where they are and need no copy.
 //
 // Transactions are registered by package path for the duration of the call, so that
 // every archive the call opens on that path (several, one after another or nested) writes
@@ -19,6 +21,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -45,14 +48,21 @@ public:
     const std::filesystem::path& File() const noexcept;
     // The I/O table for archives on the path.
     MiniZip::zlib_filefunc_def FileFunctions() noexcept;
+    // The file's length as the call's archives see it, a pending cut included.
+    std::uint64_t Length() const;
 
 private:
+    static std::uint32_t Read(void* opaque, void* stream, void* buffer, std::uint32_t size);
+    static long Seek(void* opaque, void* stream, std::uint32_t offset, int origin);
     static std::uint32_t Write(void* opaque, void* stream, const void* buffer, std::uint32_t size);
     static int Truncate(void* opaque, void* stream, std::uint32_t newSize);
-    // Journals what is needed before the package may change from `offset` onwards.
+    // Makes the pending cut: the closing record first, then the cut itself.
+    void Cut();
     // Journals what is needed before the package's bytes [begin, end) may change.
     bool Protect(void* stream, std::uint64_t begin, std::uint64_t end) noexcept;
     void ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end);
+    // Whether the journal holds all of [begin, end) already.
+    bool Saved(std::uint64_t begin, std::uint64_t end) const noexcept;
     // The central directory and end record, when the file ends with them: every change
     // rewrites them, so they are saved with the first record and share its flush.
     std::uint64_t DirectoryStart(void* stream);
@@ -70,6 +80,13 @@ private:
     PackageLock lock_;
     std::unique_ptr<JournalWriter> journal_;
     std::uint64_t original_ = 0;
+    // The file's real length, once the journal is begun, and the length it is to be cut to.
+    std::uint64_t length_ = 0;
+    std::optional<std::uint64_t> cut_;
+    // A run of writes, each starting where the last ended: it is saved ahead of itself, as
+    // far again as it has come, so the journal is flushed a logarithmic number of times.
+    std::uint64_t runStart_ = 0;
+    std::uint64_t runEnd_ = UINT64_MAX;
     // Regions of the package saved in the journal, sorted and disjoint.
     std::vector<std::pair<std::uint64_t, std::uint64_t>> saved_;
 };

@@ -35,10 +35,10 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
 
     // Inside a mutating call the file goes through that call's transaction; any other open
     // first rolls back what a dead process left half done.
-    Transaction* transaction = Transaction::Find(path);
-    if (transaction != nullptr) {
-        raw_ = transaction->FileFunctions();
-        file_ = transaction->File();
+    transaction_ = Transaction::Find(path);
+    if (transaction_ != nullptr) {
+        raw_ = transaction_->FileFunctions();
+        file_ = transaction_->File();
     } else {
         packageLock_ = PackageLock(path, false);
         // A journal seen under the lock was left by a dead process (a live one holds the
@@ -161,9 +161,11 @@ void Handle::Flush() {
 }
 
 std::uint64_t Handle::FileSize() const noexcept {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(file_, error);
-    return error ? 0 : static_cast<std::uint64_t>(size);
+    try {
+        return transaction_ != nullptr ? transaction_->Length() : std::filesystem::file_size(file_);
+    } catch (...) {
+        return 0;
+    }
 }
 
 void Handle::ZipOpen() {

@@ -13,6 +13,10 @@
 #include <string>
 #include <variant>
 
+namespace QOB {
+class Transaction;
+}
+
 namespace QOB::MiniZip {
 
 class Handle {
@@ -54,6 +58,8 @@ private:
     // Outside a change: a shared lock on the package for the handle's life, so that another
     // user's change never runs under a read.
     PackageLock packageLock_;
+    // Inside a change: the call's transaction, through which the file is seen.
+    Transaction* transaction_ = nullptr;
     void* stream_ = nullptr;
     std::variant<std::monostate, ZipOpenState, UnzipOpenState> state_;
     zlib_filefunc_def raw_{};

@@ -1,4 +1,5 @@
-// POSIX durability: fsync of files and directories, and a rename that never replaces.
+// POSIX durability: fdatasync of files, fsync of directories, and a rename that never
+// replaces.
 #include "platform/platform.hpp"
 #include "platform/posix_retry.hpp"
 
@@ -23,7 +24,9 @@ bool SyncPath(const char* name, int flags) noexcept {
     if (fd < 0) {
         return false;
     }
-    const int result = Retrying([&] { return ::fsync(fd); });
+    // A file's data and its length are what a reader needs back; its times are not.
+    const bool directory = (flags & O_DIRECTORY) != 0;
+    const int result = Retrying([&] { return directory ? ::fsync(fd) : ::fdatasync(fd); });
     ::close(fd);
     return result == 0;
 }

@@ -8,7 +8,7 @@
 namespace QOB::MiniZip {
 namespace {
 
-constexpr std::uint32_t kMoveChunk = 16384;
+constexpr std::uint32_t kMoveChunk = 1024 * 1024;
 
 bool Move(StreamAccess& file, std::uint64_t from, std::uint64_t to, std::uint64_t size,
           std::vector<std::uint8_t>& buffer) {
