@@ -3,6 +3,7 @@
 #include "api/package_host.hpp"
 #include "archive/archive.hpp"
 #include "archive/minizip/io.hpp"
+#include "archive/package_lock.hpp"
 #include "platform/platform.hpp"
 
 #include <qob/qob.h>
@@ -10,12 +11,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
+#include <thread>
 #include <utility>
 
 #ifndef _WIN32
@@ -311,6 +314,33 @@ TEST(AtomicCalls, IncompleteJournalIsDiscardedUntouched) {
         EXPECT_EQ(log.Count("rolled back"), 0u);
         EXPECT_TRUE(ReadFile(package) == before);
     }
+}
+
+// A change waits while someone outside this process's call lock (another user's or
+// session's call) holds the package, and then runs whole. Waiting cannot be told from
+// slowness, but a change that finishes while the package is held is certainly wrong.
+TEST(AtomicCalls, ChangeWaitsForAnotherHolderOfThePackage) {
+    TempDir dir;
+    const fs::path package = dir / "p.qob";
+    ASSERT_EQ(Create(package), SUCCESS);
+    const std::string before = ReadFile(package);
+    std::atomic<bool> done{false};
+    QobErrorCode_e result = SUCCESS;
+    std::thread change;
+    {
+        const QOB::PackageLock reader(package, false);
+        change = std::thread([&] {
+            result =
+                QOB_RemoveEntry(package.string().c_str(), "Quillmarsh/Cache/Proxies/IMG_1.CR3.jpg");
+            done = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(done);
+        EXPECT_TRUE(ReadFile(package) == before);
+    }
+    change.join();
+    EXPECT_EQ(result, SUCCESS);
+    EXPECT_FALSE(ReadFile(package) == before);
 }
 
 #ifndef _WIN32
