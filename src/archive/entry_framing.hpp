@@ -37,7 +37,7 @@ struct Entry {
 
 inline constexpr std::uint64_t kMaxEntrySize = 0xFFFFFFFFu;
 // Copies and padding go through buffers of at most this size.
-inline constexpr std::size_t kCopyBufferSize = 65536;
+inline constexpr std::size_t kCopyBufferSize = 1024 * 1024;
 
 // Opens a new entry and writes its local header. time counts years since 1900. Throws
 // "entry too large" (nothing written) for length above 0xFFFFFFFF.
