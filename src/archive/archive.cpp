@@ -46,7 +46,12 @@ constexpr std::uint64_t kMaxInflateRatio = 1032;
 
 // Before allocating or writing content_size bytes of the entry open for reading, makes sure
 // that the file can hold them: the stored data must lie inside the file and explain the size.
-void CheckEntryFitsFile(void* unzip, std::uint64_t content_size, std::uint64_t file_size) {
+// The file is measured as the reader found it: nothing has changed it since, as writing
+// closes the reader.
+void CheckEntryFitsFile(void* unzip, std::uint64_t content_size) {
+    unz_global_info global{};
+    CheckUnzipResult(unzGetGlobalInfo(unzip, &global));
+    const std::uint64_t file_size = global.file_size;
     unz_file_info info{};
     CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
     std::uint32_t offset = 0;
@@ -162,7 +167,7 @@ std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     void* unzip = handle_->Unzip();
     CheckEntryWithin(unzip, entry, limit);
     ReadBegin(unzip, entry);
-    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+    CheckEntryFitsFile(unzip, entry.content_size);
     std::vector<std::byte> content(static_cast<std::size_t>(entry.content_size));
     TryRead(unzip, content.data(), content.size());
     ReadEnd(unzip, entry);
@@ -216,7 +221,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
     }
     void* unzip = handle_->Unzip();
     ReadBegin(unzip, entry);
-    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+    CheckEntryFitsFile(unzip, entry.content_size);
 
     Platform::CreateBelowResult created = Platform::CreateFileBelow(base, Components(relative));
     const std::string reached = PathToUtf8(base / created.at);

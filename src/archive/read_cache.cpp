@@ -11,79 +11,141 @@ ReadCache* AsCache(void* opaque) noexcept {
     return static_cast<ReadCache*>(opaque);
 }
 
-// Empties the cache. If unread bytes remain, the file is put at the end of the cached
-// block, so those bytes are skipped, not re-read: the zip layer seeks to an absolute
-// position before every structure it reads, so nothing depends on them.
-bool Discard(ReadCache& cache) noexcept {
-    if (cache.used < cache.bytes.size()) {
-        const auto end = static_cast<std::uint32_t>(cache.start + cache.bytes.size());
-        if (cache.raw.zseek_file(cache.raw.opaque, cache.stream, end, kSeekSet) != 0) {
-            return false;
-        }
-    }
-    cache.bytes.clear();
-    cache.start = 0;
-    cache.used = 0;
-    return true;
+// Forgets the position: the file's own is the truth again.
+void Forget(ReadCache& cache) noexcept {
+    cache.position.reset();
+    cache.physical.reset();
 }
 
-bool Refill(ReadCache& cache) noexcept {
-    if (!Discard(cache)) {
-        return false;
+void Drop(ReadCache& cache) noexcept {
+    cache.bytes.clear();
+    cache.start = 0;
+}
+
+// The position the zip layer sees, asking the file when it is not known.
+std::optional<std::uint32_t> Position(ReadCache& cache) noexcept {
+    if (!cache.position) {
+        cache.position = PositionFromTell(cache.raw.ztell_file(cache.raw.opaque, cache.stream));
+        cache.physical = cache.position;
     }
-    const auto position = PositionFromTell(cache.raw.ztell_file(cache.raw.opaque, cache.stream));
+    return cache.position;
+}
+
+// Moves the file to the position the zip layer sees, before anything reaches the file.
+bool Settle(ReadCache& cache) noexcept {
+    const auto position = Position(cache);
     if (!position) {
         return false;
     }
-    cache.start = *position;
+    if (cache.physical == position) {
+        return true;
+    }
+    if (cache.raw.zseek_file(cache.raw.opaque, cache.stream, *position, kSeekSet) != 0) {
+        Forget(cache);
+        return false;
+    }
+    cache.physical = position;
+    return true;
+}
+
+bool Holds(const ReadCache& cache, std::uint32_t position) noexcept {
+    return !cache.bytes.empty() && position >= cache.start &&
+           position - cache.start <= cache.bytes.size();
+}
+
+// Reads straight from the file at the position into buffer.
+std::uint32_t ReadThrough(ReadCache& cache, void* buffer, std::uint32_t size) noexcept {
+    if (!Settle(cache)) {
+        return 0;
+    }
+    const std::uint32_t count = cache.raw.zread_file(cache.raw.opaque, cache.stream, buffer, size);
+    if (count > size) {
+        Forget(cache);
+        return 0;
+    }
+    *cache.position += count;
+    cache.physical = cache.position;
+    return count;
+}
+
+bool Refill(ReadCache& cache) noexcept {
+    Drop(cache);
     try {
         cache.bytes.resize(kReadCacheBlock);
     } catch (const std::bad_alloc&) {
+        cache.bytes.clear();
         return false;
     }
-    const std::uint32_t count =
-        cache.raw.zread_file(cache.raw.opaque, cache.stream, cache.bytes.data(), kReadCacheBlock);
-    cache.bytes.resize(std::min(count, kReadCacheBlock));
+    const std::uint32_t at = *cache.position;
+    const std::uint32_t count = ReadThrough(cache, cache.bytes.data(), kReadCacheBlock);
+    cache.bytes.resize(count);
+    cache.start = at;
+    cache.position = at; // handed out by the caller from the block
     return true;
 }
 
 void* Open(void* opaque, const char* name, int /*mode*/) {
     ReadCache* cache = AsCache(opaque);
-    if (cache == nullptr || !Discard(*cache) || name != nullptr) {
+    if (cache == nullptr || name != nullptr) {
         return nullptr;
     }
+    // Opening follows a seek of the stream itself, and maybe a change by another writer.
+    Drop(*cache);
+    Forget(*cache);
     return cache->stream;
 }
 
 std::uint32_t Read(void* opaque, void* /*stream*/, void* buffer, std::uint32_t size) {
     ReadCache* cache = AsCache(opaque);
-    if (cache == nullptr) {
+    if (cache == nullptr || !Position(*cache)) {
         return 0;
+    }
+    auto* out = static_cast<std::byte*>(buffer);
+    std::uint32_t done = 0;
+    auto copy = [&] {
+        const std::uint32_t offset = *cache->position - cache->start;
+        const auto count = static_cast<std::uint32_t>(
+            std::min<std::size_t>(size - done, cache->bytes.size() - offset));
+        if (count > 0) {
+            std::memcpy(out + done, cache->bytes.data() + offset, count);
+        }
+        done += count;
+        *cache->position += count;
+    };
+    if (Holds(*cache, *cache->position)) {
+        copy();
+    }
+    if (done == size) {
+        return done;
     }
     if (size >= kReadCacheBypass) {
-        if (!Discard(*cache)) {
-            return 0;
-        }
-        return cache->raw.zread_file(cache->raw.opaque, cache->stream, buffer, size);
+        return done + ReadThrough(*cache, out + done, size - done);
     }
-    if (cache->bytes.size() - cache->used < size && !Refill(*cache)) {
-        return 0;
+    if (!Refill(*cache)) {
+        return done;
     }
-    const auto count =
-        static_cast<std::uint32_t>(std::min<std::size_t>(size, cache->bytes.size() - cache->used));
-    if (count > 0) {
-        std::memcpy(buffer, cache->bytes.data() + cache->used, count);
-    }
-    cache->used += count;
-    return count;
+    copy();
+    return done;
 }
 
 std::uint32_t Write(void* opaque, void* /*stream*/, const void* buffer, std::uint32_t size) {
     ReadCache* cache = AsCache(opaque);
-    if (cache == nullptr || !Discard(*cache)) {
+    if (cache == nullptr) {
         return 0;
     }
-    return cache->raw.zwrite_file(cache->raw.opaque, cache->stream, buffer, size);
+    Drop(*cache);
+    if (!Settle(*cache)) {
+        return 0;
+    }
+    const std::uint32_t count =
+        cache->raw.zwrite_file(cache->raw.opaque, cache->stream, buffer, size);
+    if (count == size) {
+        *cache->position += count;
+        cache->physical = cache->position;
+    } else {
+        Forget(*cache); // where a failed write left the file is the file's to say
+    }
+    return count;
 }
 
 long Tell(void* opaque, void* /*stream*/) {
@@ -91,19 +153,31 @@ long Tell(void* opaque, void* /*stream*/) {
     if (cache == nullptr) {
         return -1;
     }
-    if (cache->used >= cache->bytes.size()) {
-        return cache->raw.ztell_file(cache->raw.opaque, cache->stream);
-    }
+    const auto position = Position(*cache);
     // Computed unsigned: a 32-bit long takes positions from 2 GiB up as negative values.
-    return static_cast<long>(cache->start + cache->used);
+    return position ? static_cast<long>(*position) : -1;
 }
 
 long Seek(void* opaque, void* /*stream*/, std::uint32_t offset, int origin) {
     ReadCache* cache = AsCache(opaque);
-    if (cache == nullptr || !Discard(*cache)) {
+    if (cache == nullptr) {
         return -1;
     }
-    return cache->raw.zseek_file(cache->raw.opaque, cache->stream, offset, origin);
+    if (origin == kSeekSet && Holds(*cache, offset)) {
+        cache->position = offset; // the file follows when it is next needed
+        return 0;
+    }
+    if (origin != kSeekSet && !Settle(*cache)) {
+        return -1; // a relative seek starts from where the zip layer stands
+    }
+    const long result = cache->raw.zseek_file(cache->raw.opaque, cache->stream, offset, origin);
+    if (result == 0 && origin == kSeekSet) {
+        cache->position = offset;
+        cache->physical = offset;
+    } else {
+        Forget(*cache);
+    }
+    return result;
 }
 
 int Close(void* opaque, void* /*stream*/) {
@@ -123,10 +197,15 @@ int Truncate(void* opaque, void* /*stream*/, std::uint32_t newSize) {
     if (cache == nullptr) {
         return -7;
     }
-    if (!Discard(*cache)) {
+    Drop(*cache);
+    if (!Settle(*cache)) {
         return -4; // the position could not be set, as for a failed seek of the cut
     }
-    return cache->raw.ztruncate_file(cache->raw.opaque, cache->stream, newSize);
+    const int result = cache->raw.ztruncate_file(cache->raw.opaque, cache->stream, newSize);
+    if (result != 0) {
+        Forget(*cache);
+    }
+    return result;
 }
 
 } // namespace

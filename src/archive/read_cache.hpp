@@ -1,12 +1,17 @@
 // The read-ahead cache between the zip layer and the file. The zip layer reads many small
-// structures (signatures, headers); serving them from one 4096-byte block saves a system
-// call each. The table it builds has the shape of the raw table and wraps it.
+// structures (signatures, headers, manifests) and seeks before each one; serving them from
+// one 64 KiB block saves a read and a seek each. The block stays valid across seeks and is
+// dropped on every write, truncation and (re)open, so it never outlives what it mirrors.
+// The file position the zip layer sees is kept here, and the file itself is only moved when
+// the next read past the block, write or truncation needs it there. The table it builds has
+// the shape of the raw table and wraps it.
 #pragma once
 
 #include "archive/minizip/io.hpp"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace QOB::MiniZip {
@@ -15,13 +20,17 @@ struct ReadCache {
     void* stream = nullptr;       // the one open stream, owned by the handle
     zlib_filefunc_def raw{};      // the table the stream belongs to
     std::uint32_t start = 0;      // file position of bytes[0]
-    std::uint32_t used = 0;       // cached bytes already handed out
     std::vector<std::byte> bytes; // size = number of valid cached bytes
+    // The position the zip layer sees; unknown until told or asked, and then the file's own.
+    std::optional<std::uint32_t> position;
+    // Where the file itself stands, when known; it lags behind position after a seek or a
+    // read served from the block.
+    std::optional<std::uint32_t> physical;
 };
 
-inline constexpr std::uint32_t kReadCacheBlock = 4096;
-// Reads of this size or more go straight to the file.
-inline constexpr std::uint32_t kReadCacheBypass = 1024;
+inline constexpr std::uint32_t kReadCacheBlock = 65536;
+// Reads of this size or more go straight to the file (after what the block holds of them).
+inline constexpr std::uint32_t kReadCacheBypass = 32768;
 
 // The buffered table: its opaque pointer is cache, and its open returns cache->stream
 // (for a null name only) instead of opening anything; its close does nothing.

@@ -1,5 +1,6 @@
 // The zip reader: opening an archive, walking its central directory, locating entries and
 // reporting their information.
+#include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip_state.hpp"
 #include "support/dos_time.hpp"
 
@@ -116,19 +117,22 @@ int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
         if (directory.size() - offset < kCentralHeaderSize) {
             return UNZ_BADZIPFILE;
         }
+        // Only the signature and the three lengths matter until a name matches.
         const std::uint8_t* header = directory.data() + offset;
-        CentralRecord ignored;
         VariableLengths lengths;
-        if (!ParseCentralHeader(header, ignored, lengths) ||
+        lengths.name = Bytes::Get16(header + 28);
+        lengths.extra = Bytes::Get16(header + 30);
+        lengths.comment = Bytes::Get16(header + 32);
+        if (Bytes::Get32(header) != kCentralHeaderSignature ||
             directory.size() - offset - kCentralHeaderSize < lengths.Total()) {
             return UNZ_BADZIPFILE;
         }
         const auto* stored = reinterpret_cast<const char*>(header + kCentralHeaderSize);
+        // An exact match wins over an earlier one that differs in case only.
+        if (lengths.name == length && std::memcmp(stored, name, length) == 0) {
+            return GoTo(reader, index, reader.end.DirectoryStart() + offset);
+        }
         if (lengths.name == length && SameNameIgnoringCase(stored, name, length)) {
-            // An exact match wins over an earlier one that differs in case only.
-            if (std::memcmp(stored, name, length) == 0) {
-                return GoTo(reader, index, reader.end.DirectoryStart() + offset);
-            }
             if (!folded) {
                 folded = true;
                 foldedIndex = index;
@@ -242,6 +246,7 @@ int unzGetGlobalInfo(unzFile file, unz_global_info* info) {
     }
     info->number_entry = AsReader(file)->end.entryCount;
     info->size_comment = static_cast<std::uint32_t>(AsReader(file)->end.comment.size());
+    info->file_size = AsReader(file)->end.fileSize;
     return UNZ_OK;
 }
 
