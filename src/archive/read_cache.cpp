@@ -18,7 +18,7 @@ void Forget(ReadCache& cache) noexcept {
 }
 
 void Drop(ReadCache& cache) noexcept {
-    cache.bytes.clear();
+    cache.valid = 0;
     cache.start = 0;
 }
 
@@ -49,8 +49,7 @@ bool Settle(ReadCache& cache) noexcept {
 }
 
 bool Holds(const ReadCache& cache, std::uint32_t position) noexcept {
-    return !cache.bytes.empty() && position >= cache.start &&
-           position - cache.start <= cache.bytes.size();
+    return cache.valid > 0 && position >= cache.start && position - cache.start <= cache.valid;
 }
 
 // Reads straight from the file at the position into buffer.
@@ -70,15 +69,17 @@ std::uint32_t ReadThrough(ReadCache& cache, void* buffer, std::uint32_t size) no
 
 bool Refill(ReadCache& cache) noexcept {
     Drop(cache);
-    try {
-        cache.bytes.resize(kReadCacheBlock);
-    } catch (const std::bad_alloc&) {
-        cache.bytes.clear();
-        return false;
+    if (!cache.block) {
+        try {
+            // Not zeroed: only the bytes read into it are ever handed out.
+            cache.block = std::make_unique_for_overwrite<std::byte[]>(kReadCacheBlock);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
     }
     const std::uint32_t at = *cache.position;
-    const std::uint32_t count = ReadThrough(cache, cache.bytes.data(), kReadCacheBlock);
-    cache.bytes.resize(count);
+    const std::uint32_t count = ReadThrough(cache, cache.block.get(), kReadCacheBlock);
+    cache.valid = count;
     cache.start = at;
     cache.position = at; // handed out by the caller from the block
     return true;
@@ -104,10 +105,10 @@ std::uint32_t Read(void* opaque, void* /*stream*/, void* buffer, std::uint32_t s
     std::uint32_t done = 0;
     auto copy = [&] {
         const std::uint32_t offset = *cache->position - cache->start;
-        const auto count = static_cast<std::uint32_t>(
-            std::min<std::size_t>(size - done, cache->bytes.size() - offset));
+        const auto count =
+            static_cast<std::uint32_t>(std::min<std::uint32_t>(size - done, cache->valid - offset));
         if (count > 0) {
-            std::memcpy(out + done, cache->bytes.data() + offset, count);
+            std::memcpy(out + done, cache->block.get() + offset, count);
         }
         done += count;
         *cache->position += count;

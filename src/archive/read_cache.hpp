@@ -11,16 +11,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
-#include <vector>
 
 namespace QOB::MiniZip {
 
 struct ReadCache {
-    void* stream = nullptr;       // the one open stream, owned by the handle
-    zlib_filefunc_def raw{};      // the table the stream belongs to
-    std::uint32_t start = 0;      // file position of bytes[0]
-    std::vector<std::byte> bytes; // size = number of valid cached bytes
+    void* stream = nullptr;             // the one open stream, owned by the handle
+    zlib_filefunc_def raw{};            // the table the stream belongs to
+    std::uint32_t start = 0;            // file position of block[0]
+    std::uint32_t valid = 0;            // cached bytes from start
+    std::unique_ptr<std::byte[]> block; // kReadCacheBlock bytes once first needed
     // The position the zip layer sees; unknown until told or asked, and then the file's own.
     std::optional<std::uint32_t> position;
     // Where the file itself stands, when known; it lags behind position after a seek or a
