@@ -1,12 +1,11 @@
 #include "archive/journal.hpp"
 
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/crc32.hpp"
 #include "archive/minizip/stream_access.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/utf8_path.hpp"
-
-#include <zlib.h>
 
 #include <algorithm>
 #include <array>
@@ -36,7 +35,7 @@ std::uint64_t Get64(const std::uint8_t* p) noexcept {
 }
 
 std::uint32_t Crc(std::uint32_t crc, const void* bytes, std::uint32_t size) noexcept {
-    return static_cast<std::uint32_t>(crc32(crc, static_cast<const Bytef*>(bytes), size));
+    return MiniZip::Crc32(crc, bytes, size);
 }
 
 // Closes a stream of the table when it goes out of scope.
