@@ -134,18 +134,28 @@ std::uint32_t Write(void* opaque, void* /*stream*/, const void* buffer, std::uin
     if (cache == nullptr) {
         return 0;
     }
-    Drop(*cache);
     if (!Settle(*cache)) {
+        Drop(*cache);
         return 0;
     }
+    const std::uint32_t at = *cache->position;
     const std::uint32_t count =
         cache->raw.zwrite_file(cache->raw.opaque, cache->stream, buffer, size);
-    if (count == size) {
-        *cache->position += count;
-        cache->physical = cache->position;
-    } else {
+    if (count != size) {
+        Drop(*cache);
         Forget(*cache); // where a failed write left the file is the file's to say
+        return count;
     }
+    // The block follows the file: a copy loop that writes behind what it reads keeps it.
+    const std::uint64_t from = std::max<std::uint64_t>(at, cache->start);
+    const std::uint64_t to = std::min<std::uint64_t>(std::uint64_t{at} + count,
+                                                     std::uint64_t{cache->start} + cache->valid);
+    if (cache->valid > 0 && from < to) {
+        std::memcpy(cache->block.get() + (from - cache->start),
+                    static_cast<const std::byte*>(buffer) + (from - at), to - from);
+    }
+    *cache->position += count;
+    cache->physical = cache->position;
     return count;
 }
 

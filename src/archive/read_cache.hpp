@@ -1,7 +1,8 @@
 // The read-ahead cache between the zip layer and the file. The zip layer reads many small
 // structures (signatures, headers, manifests) and seeks before each one; serving them from
-// one 64 KiB block saves a read and a seek each. The block stays valid across seeks and is
-// dropped on every write, truncation and (re)open, so it never outlives what it mirrors.
+// one 64 KiB block saves a read and a seek each. The block stays valid across seeks, takes
+// in what is written over it, and is dropped on truncation and on every (re)open, so it never
+// disagrees with the file.
 // The file position the zip layer sees is kept here, and the file itself is only moved when
 // the next read past the block, write or truncation needs it there. The table it builds has
 // the shape of the raw table and wraps it.
