@@ -16,6 +16,8 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <new>
+#include <optional>
 #include <system_error>
 
 namespace QOB {
@@ -45,9 +47,12 @@ constexpr std::uint64_t kMaxComparedSize = 4 * 1024 * 1024;
 // 15 KB).
 constexpr std::size_t kMaxCheckedBytes = 1024 * 1024;
 
-std::uint32_t CurrentCrc(void* unzip) {
+// The CRC-32 the central record of the entry the reader stands on gives.
+std::optional<std::uint32_t> CurrentCrc(void* unzip) noexcept {
     unz_file_info info{};
-    CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
+    if (unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+        return std::nullopt;
+    }
     return info.crc;
 }
 
@@ -185,13 +190,19 @@ std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     return content;
 }
 
-void Archive::KeepChecked(void* unzip, const Entry& entry, const std::vector<std::byte>& content) {
-    if (entry.allocated_size > kMaxComparedSize ||
+void Archive::KeepChecked(void* unzip, const Entry& entry,
+                          const std::vector<std::byte>& content) noexcept {
+    const std::optional<std::uint32_t> crc = CurrentCrc(unzip);
+    if (!crc || entry.allocated_size > kMaxComparedSize ||
         checkedBytes_ + content.size() > kMaxCheckedBytes || checked_.count(entry.path) > 0) {
         return;
     }
-    checked_[entry.path] = {entry.data_offset, entry.allocated_size, CurrentCrc(unzip), content};
-    checkedBytes_ += content.size();
+    try {
+        checked_[entry.path] = {entry.data_offset, entry.allocated_size, *crc, content};
+        checkedBytes_ += content.size();
+    } catch (const std::bad_alloc&) {
+        checked_.erase(entry.path); // kept or not, the read itself succeeded
+    }
 }
 
 void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
@@ -369,7 +380,7 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
     if (const auto kept = checked_.find(entry.path); kept != checked_.end()) {
         const Checked& checked = kept->second;
         if (checked.data_offset == entry.data_offset &&
-            checked.allocated_size == entry.allocated_size && checked.crc == CurrentCrc(unzip) &&
+            checked.allocated_size == entry.allocated_size && CurrentCrc(unzip) == checked.crc &&
             checked.content.size() == length) {
             return length == 0 || std::memcmp(content, checked.content.data(), length) == 0;
         }

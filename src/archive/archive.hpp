@@ -82,7 +82,8 @@ private:
     // True when the entry, named exactly, already holds this content and zero padding.
     bool Holds(const Path& path, const std::byte* content, std::size_t length);
     // Keeps what Read returned for the entry the reader stands on, if it is small.
-    void KeepChecked(void* unzip, const Entry& entry, const std::vector<std::byte>& content);
+    void KeepChecked(void* unzip, const Entry& entry,
+                     const std::vector<std::byte>& content) noexcept;
 
     // An entry's content as read and checked (zero padding, CRC-32), with what identifies
     // the stored entry it came from. Only this archive writes the file while it is open
