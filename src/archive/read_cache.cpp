@@ -178,7 +178,7 @@ long Seek(void* opaque, void* /*stream*/, std::uint32_t offset, int origin) {
         cache->position = offset; // the file follows when it is next needed
         return 0;
     }
-    if (origin != kSeekSet && !Settle(*cache)) {
+    if (origin == kSeekCur && !Settle(*cache)) {
         return -1; // a relative seek starts from where the zip layer stands
     }
     const long result = cache->raw.zseek_file(cache->raw.opaque, cache->stream, offset, origin);
