@@ -18,8 +18,10 @@ void Forget(ReadCache& cache) noexcept {
 }
 
 void Drop(ReadCache& cache) noexcept {
-    cache.valid = 0;
-    cache.start = 0;
+    for (ReadCache::Block& block : cache.blocks) {
+        block.valid = 0;
+        block.start = 0;
+    }
 }
 
 // The position the zip layer sees, asking the file when it is not known.
@@ -48,8 +50,23 @@ bool Settle(ReadCache& cache) noexcept {
     return true;
 }
 
+bool Covers(const ReadCache::Block& block, std::uint32_t position) noexcept {
+    return block.valid > 0 && position >= block.start && position - block.start <= block.valid;
+}
+
+// Whether a seek to position can be served from the blocks.
 bool Holds(const ReadCache& cache, std::uint32_t position) noexcept {
-    return cache.valid > 0 && position >= cache.start && position - cache.start <= cache.valid;
+    return Covers(cache.blocks[0], position) || Covers(cache.blocks[1], position);
+}
+
+// The block with bytes at position, if any.
+ReadCache::Block* Serving(ReadCache& cache, std::uint32_t position) noexcept {
+    for (ReadCache::Block& block : cache.blocks) {
+        if (Covers(block, position) && position - block.start < block.valid) {
+            return &block;
+        }
+    }
+    return nullptr;
 }
 
 // Reads straight from the file at the position into buffer.
@@ -67,22 +84,25 @@ std::uint32_t ReadThrough(ReadCache& cache, void* buffer, std::uint32_t size) no
     return count;
 }
 
-bool Refill(ReadCache& cache) noexcept {
-    Drop(cache);
-    if (!cache.block) {
+// Reads the block at the position into the least recently used block; null when it cannot.
+ReadCache::Block* Refill(ReadCache& cache) noexcept {
+    ReadCache::Block& block =
+        cache.blocks[0].lastUse <= cache.blocks[1].lastUse ? cache.blocks[0] : cache.blocks[1];
+    block.valid = 0;
+    if (!block.bytes) {
         try {
             // Not zeroed: only the bytes read into it are ever handed out.
-            cache.block = std::make_unique_for_overwrite<std::byte[]>(kReadCacheBlock);
+            block.bytes = std::make_unique_for_overwrite<std::byte[]>(kReadCacheBlock);
         } catch (const std::bad_alloc&) {
-            return false;
+            return nullptr;
         }
     }
     const std::uint32_t at = *cache.position;
-    const std::uint32_t count = ReadThrough(cache, cache.block.get(), kReadCacheBlock);
-    cache.valid = count;
-    cache.start = at;
+    const std::uint32_t count = ReadThrough(cache, block.bytes.get(), kReadCacheBlock);
+    block.valid = count;
+    block.start = at;
     cache.position = at; // handed out by the caller from the block
-    return true;
+    return &block;
 }
 
 void* Open(void* opaque, const char* name, int /*mode*/) {
@@ -90,8 +110,7 @@ void* Open(void* opaque, const char* name, int /*mode*/) {
     if (cache == nullptr || name != nullptr) {
         return nullptr;
     }
-    // Opening follows a seek of the stream itself, and maybe a change by another writer.
-    Drop(*cache);
+    // Opening follows a seek of the stream itself; the blocks still mirror the file.
     Forget(*cache);
     return cache->stream;
 }
@@ -103,18 +122,20 @@ std::uint32_t Read(void* opaque, void* /*stream*/, void* buffer, std::uint32_t s
     }
     auto* out = static_cast<std::byte*>(buffer);
     std::uint32_t done = 0;
-    auto copy = [&] {
-        const std::uint32_t offset = *cache->position - cache->start;
-        const auto count =
-            static_cast<std::uint32_t>(std::min<std::uint32_t>(size - done, cache->valid - offset));
-        if (count > 0) {
-            std::memcpy(out + done, cache->block.get() + offset, count);
-        }
+    auto copy = [&](ReadCache::Block& block) {
+        const std::uint32_t offset = *cache->position - block.start;
+        const std::uint32_t count = std::min<std::uint32_t>(size - done, block.valid - offset);
+        std::memcpy(out + done, block.bytes.get() + offset, count);
         done += count;
         *cache->position += count;
+        block.lastUse = ++cache->uses;
     };
-    if (Holds(*cache, *cache->position)) {
-        copy();
+    while (done < size) {
+        ReadCache::Block* block = Serving(*cache, *cache->position);
+        if (block == nullptr) {
+            break;
+        }
+        copy(*block);
     }
     if (done == size) {
         return done;
@@ -122,10 +143,10 @@ std::uint32_t Read(void* opaque, void* /*stream*/, void* buffer, std::uint32_t s
     if (size >= kReadCacheBypass) {
         return done + ReadThrough(*cache, out + done, size - done);
     }
-    if (!Refill(*cache)) {
-        return done;
+    ReadCache::Block* block = Refill(*cache);
+    if (block != nullptr && block->valid > 0) {
+        copy(*block);
     }
-    copy();
     return done;
 }
 
@@ -146,13 +167,15 @@ std::uint32_t Write(void* opaque, void* /*stream*/, const void* buffer, std::uin
         Forget(*cache); // where a failed write left the file is the file's to say
         return count;
     }
-    // The block follows the file: a copy loop that writes behind what it reads keeps it.
-    const std::uint64_t from = std::max<std::uint64_t>(at, cache->start);
-    const std::uint64_t to = std::min<std::uint64_t>(std::uint64_t{at} + count,
-                                                     std::uint64_t{cache->start} + cache->valid);
-    if (cache->valid > 0 && from < to) {
-        std::memcpy(cache->block.get() + (from - cache->start),
-                    static_cast<const std::byte*>(buffer) + (from - at), to - from);
+    // The blocks follow the file: a copy loop that writes behind what it reads keeps them.
+    for (ReadCache::Block& block : cache->blocks) {
+        const std::uint64_t from = std::max<std::uint64_t>(at, block.start);
+        const std::uint64_t to = std::min<std::uint64_t>(std::uint64_t{at} + count,
+                                                         std::uint64_t{block.start} + block.valid);
+        if (block.valid > 0 && from < to) {
+            std::memcpy(block.bytes.get() + (from - block.start),
+                        static_cast<const std::byte*>(buffer) + (from - at), to - from);
+        }
     }
     *cache->position += count;
     cache->physical = cache->position;

@@ -76,6 +76,17 @@ TEST(ZipHandleTest, ReadCacheServesSeeksInsideTheBlockAndKeepsThePosition) {
     }
     EXPECT_EQ(counting.reads, 1);
     EXPECT_EQ(counting.seeks, seeksBefore);
+    // A second region takes the other block: going back and forth reads neither again, not
+    // even after the stream is opened again (as when switching between reading and writing).
+    ASSERT_EQ(seek(150000), 0);
+    ASSERT_EQ(read(10), 10u);
+    ASSERT_EQ(table.zopen_file(table.opaque, nullptr, 7), stream);
+    for (const std::uint32_t at : {1000u, 150000u, 2000u, 150100u}) {
+        ASSERT_EQ(seek(at), 0);
+        ASSERT_EQ(read(10), 10u);
+        EXPECT_TRUE(same(at, 10)) << at;
+    }
+    EXPECT_EQ(counting.reads, 2);
 
     // A read across the end of the block continues exactly where the block ended.
     ASSERT_EQ(seek(kReadCacheBlock + 1000 - 20), 0);
