@@ -364,7 +364,11 @@ template <void (*Operation)(benchmark::State&)> void WithoutFlush(benchmark::Sta
     QOB::Platform::SetSyncEnabled(true);
 }
 BENCHMARK(WithoutFlush<BM_Create>)->Arg(100)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(WithoutFlush<BM_UpdateSettingsInPlace>)->Arg(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(WithoutFlush<BM_UpdateSettingsInPlace>)
+    ->Arg(2)
+    ->Arg(100)
+    ->Arg(200)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(WithoutFlush<BM_UpdateSettingsGrowing>)
     ->Arg(100)
     ->Iterations(10)

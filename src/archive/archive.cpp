@@ -16,6 +16,8 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <new>
+#include <optional>
 #include <system_error>
 
 namespace QOB {
@@ -41,12 +43,30 @@ private:
 // settings); larger ones are written without reading them back into memory.
 constexpr std::uint64_t kMaxComparedSize = 4 * 1024 * 1024;
 
+// What an archive keeps of the entries it read, at most (a package's manifests take about
+// 15 KB).
+constexpr std::size_t kMaxCheckedBytes = 1024 * 1024;
+
+// The CRC-32 the central record of the entry the reader stands on gives.
+std::optional<std::uint32_t> CurrentCrc(void* unzip) noexcept {
+    unz_file_info info{};
+    if (unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+        return std::nullopt;
+    }
+    return info.crc;
+}
+
 // Deflate expands at most about 1032 times; a claimed size beyond that cannot be real.
 constexpr std::uint64_t kMaxInflateRatio = 1032;
 
 // Before allocating or writing content_size bytes of the entry open for reading, makes sure
 // that the file can hold them: the stored data must lie inside the file and explain the size.
-void CheckEntryFitsFile(void* unzip, std::uint64_t content_size, std::uint64_t file_size) {
+// The file is measured as the reader found it: nothing has changed it since, as writing
+// closes the reader.
+void CheckEntryFitsFile(void* unzip, std::uint64_t content_size) {
+    unz_global_info global{};
+    CheckUnzipResult(unzGetGlobalInfo(unzip, &global));
+    const std::uint64_t file_size = global.file_size;
     unz_file_info info{};
     CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
     std::uint32_t offset = 0;
@@ -162,11 +182,27 @@ std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     void* unzip = handle_->Unzip();
     CheckEntryWithin(unzip, entry, limit);
     ReadBegin(unzip, entry);
-    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+    CheckEntryFitsFile(unzip, entry.content_size);
     std::vector<std::byte> content(static_cast<std::size_t>(entry.content_size));
     TryRead(unzip, content.data(), content.size());
     ReadEnd(unzip, entry);
+    KeepChecked(unzip, entry, content);
     return content;
+}
+
+void Archive::KeepChecked(void* unzip, const Entry& entry,
+                          const std::vector<std::byte>& content) noexcept {
+    const std::optional<std::uint32_t> crc = CurrentCrc(unzip);
+    if (!crc || entry.allocated_size > kMaxComparedSize ||
+        checkedBytes_ + content.size() > kMaxCheckedBytes || checked_.count(entry.path) > 0) {
+        return;
+    }
+    try {
+        checked_[entry.path] = {entry.data_offset, entry.allocated_size, *crc, content};
+        checkedBytes_ += content.size();
+    } catch (const std::bad_alloc&) {
+        checked_.erase(entry.path); // kept or not, the read itself succeeded
+    }
 }
 
 void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
@@ -216,7 +252,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
     }
     void* unzip = handle_->Unzip();
     ReadBegin(unzip, entry);
-    CheckEntryFitsFile(unzip, entry.content_size, handle_->FileSize());
+    CheckEntryFitsFile(unzip, entry.content_size);
 
     Platform::CreateBelowResult created = Platform::CreateFileBelow(base, Components(relative));
     const std::string reached = PathToUtf8(base / created.at);
@@ -318,6 +354,11 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
     if (Holds(path, content, length)) {
         return;
     }
+    // The entry is about to change: what was kept of it no longer describes it.
+    if (const auto kept = checked_.find(path.Sanitized()); kept != checked_.end()) {
+        checkedBytes_ -= kept->second.content.size();
+        checked_.erase(kept);
+    }
     void* zip = handle_->Zip();
     CheckZipResult(
         zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
@@ -332,7 +373,19 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
     const Entry entry = GetCurrent(unzip);
     // The lookup ignores letter case; a rewrite names its entry exactly.
     if (entry.path != path.Sanitized() || entry.content_size != length ||
-        entry.allocated_size > kMaxComparedSize || unzOpenCurrentFile(unzip) != UNZ_OK) {
+        entry.allocated_size > kMaxComparedSize) {
+        return false;
+    }
+    // Read and checked by this archive, and unchanged since: no need to read it again.
+    if (const auto kept = checked_.find(entry.path); kept != checked_.end()) {
+        const Checked& checked = kept->second;
+        if (checked.data_offset == entry.data_offset &&
+            checked.allocated_size == entry.allocated_size && CurrentCrc(unzip) == checked.crc &&
+            checked.content.size() == length) {
+            return length == 0 || std::memcmp(content, checked.content.data(), length) == 0;
+        }
+    }
+    if (unzOpenCurrentFile(unzip) != UNZ_OK) {
         return false;
     }
     // Content and zero padding as a rewrite would leave them; closing checks the CRC-32.
@@ -349,6 +402,9 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
 void Archive::Remove(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
+    // Entries behind the removed one move.
+    checked_.clear();
+    checkedBytes_ = 0;
     CheckZipResult(zipRemoveFileInZip(handle_->Zip(), path.CStr()));
     Flush();
 }

@@ -1,7 +1,9 @@
 // The one object through which the system touches a package file: list, test, read and
 // extract entries, insert new ones with reserved space, rewrite one in place, remove one.
-// Holds no cache of its own: every query goes to the file. Every change is flushed before
-// the call returns, so the file on disk is then a complete zip.
+// Every query goes to the file, with one exception: the content of small entries read and
+// checked through this archive is kept, so that rewriting one with what it already holds
+// (manifests, mostly) costs no second read. Every change is flushed before the call
+// returns, so the file on disk is then a complete zip.
 #pragma once
 
 #include "archive/entry_framing.hpp"
@@ -10,7 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace QOB {
@@ -77,6 +81,22 @@ private:
                   const std::filesystem::path& relative);
     // True when the entry, named exactly, already holds this content and zero padding.
     bool Holds(const Path& path, const std::byte* content, std::size_t length);
+    // Keeps what Read returned for the entry the reader stands on, if it is small.
+    void KeepChecked(void* unzip, const Entry& entry,
+                     const std::vector<std::byte>& content) noexcept;
+
+    // An entry's content as read and checked (zero padding, CRC-32), with what identifies
+    // the stored entry it came from. Only this archive writes the file while it is open
+    // (the call holds the package's locks), so an entry stays as read until this archive
+    // rewrites it (its record is dropped then) or moves entries (all are dropped).
+    struct Checked {
+        std::uint64_t data_offset = 0;
+        std::uint64_t allocated_size = 0;
+        std::uint32_t crc = 0;
+        std::vector<std::byte> content;
+    };
+    std::map<std::string, Checked> checked_; // by the name exactly as stored
+    std::size_t checkedBytes_ = 0;
 
     std::unique_ptr<MiniZip::Handle> handle_;
 };

@@ -22,6 +22,16 @@ namespace {
 
 using namespace MiniZip;
 
+// The breadcrumb of a read, which runs for every entry: formatted only when the scope fails,
+// and never throwing there (an empty line at worst).
+template <class... Args> std::string LazyTrail(const char* format, Args... args) noexcept {
+    try {
+        return Format(format, args...);
+    } catch (...) {
+        return {};
+    }
+}
+
 constexpr std::size_t kFieldSize = 4;
 constexpr std::uint64_t kMaxEntryCount = 0xFFFF;
 constexpr int kStored = 0;
@@ -117,23 +127,20 @@ void WriteEnd(void* zip, std::uint64_t padding_size) {
 }
 
 void ReadBegin(void* unzip, const Path& path) {
-    const std::string trail = Format("in ReadBegin path=\"%s\"", path.CStr());
-    QOB_FAILURE_TRAIL(trail);
+    QOB_FAILURE_TRAIL(LazyTrail("in ReadBegin path=\"%s\"", path.CStr()));
     CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
     CheckUnzipResult(unzOpenCurrentFile(unzip));
 }
 
 void ReadBegin(void* unzip, const Entry& entry) {
-    const std::string trail = Format("in ReadBegin path=\"%s\" index=%u", entry.path.c_str(),
-                                     static_cast<unsigned>(entry.index));
-    QOB_FAILURE_TRAIL(trail);
+    QOB_FAILURE_TRAIL(LazyTrail("in ReadBegin path=\"%s\" index=%u", entry.path.c_str(),
+                                static_cast<unsigned>(entry.index)));
     CheckUnzipResult(unzGoToFilePosition(unzip, entry.index, entry.record_position));
     CheckUnzipResult(unzOpenCurrentFile(unzip));
 }
 
 void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
-    const std::string trail = Format("in TryRead length=%zu", static_cast<std::size_t>(length));
-    QOB_FAILURE_TRAIL(trail);
+    QOB_FAILURE_TRAIL(LazyTrail("in TryRead length=%zu", static_cast<std::size_t>(length)));
 
     // The zip layer hands its count back in an int: larger entries come in rounds.
     for (std::uint64_t done = 0; done < length;) {
@@ -156,9 +163,7 @@ void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
 void ReadEnd(void* unzip, const Entry& entry) {
     const std::uint64_t padding =
         entry.allocated_size > entry.content_size ? entry.allocated_size - entry.content_size : 0;
-    const std::string trail =
-        Format("in ReadEnd padding_size=%zu", static_cast<std::size_t>(padding));
-    QOB_FAILURE_TRAIL(trail);
+    QOB_FAILURE_TRAIL(LazyTrail("in ReadEnd padding_size=%zu", static_cast<std::size_t>(padding)));
 
     if (padding > 0) {
         // Every byte is read before it is looked at, so the buffer needs no zeroing first.

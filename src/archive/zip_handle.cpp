@@ -154,9 +154,8 @@ void Handle::Flush() {
     if (std::holds_alternative<ZipOpenState>(state_)) {
         ZipClose();
         // Reading the result back at once makes a broken archive fail the change that
-        // broke it, not some later call.
+        // broke it, not some later call. The reader stays open for the reads that follow.
         UnzipOpen();
-        UnzipClose();
     }
 }
 

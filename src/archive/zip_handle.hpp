@@ -32,7 +32,7 @@ public:
     void* Zip();
     // The reader, opened if needed (closing the writer first, which writes the directory).
     void* Unzip();
-    // Closes an open writer, then opens and closes the reader once to verify the result.
+    // Closes an open writer, then opens the reader to verify the result.
     void Flush();
 
     // The archive's path as UTF-8, for messages.

@@ -150,6 +150,7 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
     ASSERT_EQ(info.Read(package), SUCCESS);
     const auto sizeBefore = fs::file_size(package);
     const auto offsetsBefore = Offsets(info);
+    const std::string created = ReadFile(package);
 
     // Same entry, new content that fits: the package keeps its size and every offset.
     QOB_ImageFiles files{};
@@ -163,6 +164,11 @@ TEST_F(PackageEditing, UpdateRewritesInPlaceOrMoves) {
     EXPECT_EQ(Offsets(after), offsetsBefore);
     EXPECT_EQ(after.files().settings.uStoredSize, 900u);
     ExpectToolsAccept(package);
+    // Back to the first content: the package is byte for byte as created, so a rewrite
+    // touches nothing but the entry and its record and leaves no trace there.
+    files.settings = FileEntry(settings);
+    ASSERT_EQ(UpdateFrom(info, package, files), SUCCESS);
+    EXPECT_TRUE(ReadFile(package) == created);
 
     // The mask shrinks below 80 percent of its space: removed and inserted again, compacted.
     files = {};

@@ -92,6 +92,24 @@ TEST(ArchiveTest, UpdateRewritesInPlace) {
     EXPECT_EQ(Failure([&] { update("FIRST", "x"); }),
               "[FILE_NOT_IN_PACKAGE] minizip returned ZIP_FILENOTINPACKAGE");
     EXPECT_TRUE(ReadFile(path) == unchanged);
+
+    // One archive that read an entry, changed it and writes the old content back, or reads
+    // one that a removal then moves: what it read earlier must not pass for the file.
+    {
+        QOB::Archive archive(path, true);
+        const std::string read = Text(archive.Read(QOB::Path("first")));
+        archive.Update(QOB::Path("first"), Bytes("xyz"), 3);
+        archive.Update(QOB::Path("first"), Bytes(read), read.size());
+        EXPECT_EQ(Text(archive.Read(QOB::Path("first"))), read);
+        EXPECT_EQ(Text(archive.Read(QOB::Path("tail"))), tail);
+        archive.Remove(QOB::Path("first"));
+        archive.Update(QOB::Path("tail"), Bytes(tail), tail.size());
+        EXPECT_EQ(Text(archive.Read(QOB::Path("tail"))), tail);
+        archive.Update(QOB::Path("tail"), Bytes("t"), 1);
+    }
+    QOB::Archive archive(path, true);
+    EXPECT_FALSE(archive.Contains(QOB::Path("first")));
+    EXPECT_EQ(Text(archive.Read(QOB::Path("tail"))), "t");
 }
 
 // Removing the first, a middle or the last entry leaves every central record pointing at a

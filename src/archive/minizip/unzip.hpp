@@ -35,6 +35,7 @@ struct tm_unz {
 struct unz_global_info {
     std::uint32_t number_entry;
     std::uint32_t size_comment;
+    std::uint32_t file_size; // of the file as the reader found it when opened
 };
 
 struct unz_file_info {

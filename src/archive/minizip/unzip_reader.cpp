@@ -1,11 +1,13 @@
 // The zip reader: opening an archive, walking its central directory, locating entries and
 // reporting their information.
+#include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip_state.hpp"
 #include "support/dos_time.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace QOB::MiniZip {
@@ -103,42 +105,67 @@ bool SameNameIgnoringCase(const char* stored, const char* wanted, std::size_t le
     return true;
 }
 
+// Records where each name of the in-memory directory lies, stopping at a damaged record.
+void IndexNames(UnzReader& reader) {
+    const std::vector<std::uint8_t>& directory = reader.directory;
+    reader.names.clear();
+    reader.names.reserve(reader.end.entryCount);
+    std::size_t offset = 0;
+    for (std::uint32_t index = 0; index < reader.end.entryCount; ++index) {
+        if (directory.size() - offset < kCentralHeaderSize) {
+            reader.damagedAfterNames = true;
+            break;
+        }
+        const std::uint8_t* header = directory.data() + offset;
+        VariableLengths lengths;
+        lengths.name = Bytes::Get16(header + 28);
+        lengths.extra = Bytes::Get16(header + 30);
+        lengths.comment = Bytes::Get16(header + 32);
+        if (Bytes::Get32(header) != kCentralHeaderSignature ||
+            directory.size() - offset - kCentralHeaderSize < lengths.Total()) {
+            reader.damagedAfterNames = true;
+            break;
+        }
+        reader.names.push_back({static_cast<std::uint32_t>(offset), lengths.name});
+        offset += kCentralHeaderSize + lengths.Total();
+    }
+    reader.namesIndexed = true;
+}
+
 // The lookup over a directory held in memory: names are compared where they lie and only the
 // match is parsed, so a package read (dozens of lookups) allocates nothing per record. Stops
 // at a damaged record exactly where the walk would, leaving the current entry as it was.
 int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
-    const std::vector<std::uint8_t>& directory = reader.directory;
-    std::size_t offset = 0;
-    bool folded = false;
-    std::uint32_t foldedIndex = 0;
-    std::size_t foldedOffset = 0;
-    for (std::uint32_t index = 0; index < reader.end.entryCount; ++index) {
-        if (directory.size() - offset < kCentralHeaderSize) {
-            return UNZ_BADZIPFILE;
-        }
-        const std::uint8_t* header = directory.data() + offset;
-        CentralRecord ignored;
-        VariableLengths lengths;
-        if (!ParseCentralHeader(header, ignored, lengths) ||
-            directory.size() - offset - kCentralHeaderSize < lengths.Total()) {
-            return UNZ_BADZIPFILE;
-        }
-        const auto* stored = reinterpret_cast<const char*>(header + kCentralHeaderSize);
-        if (lengths.name == length && SameNameIgnoringCase(stored, name, length)) {
-            // An exact match wins over an earlier one that differs in case only.
-            if (std::memcmp(stored, name, length) == 0) {
-                return GoTo(reader, index, reader.end.DirectoryStart() + offset);
+    if (!reader.namesIndexed) {
+        IndexNames(reader);
+    }
+    auto stored = [&](const UnzReader::NameSlot& slot) {
+        return reinterpret_cast<const char*>(reader.directory.data() + slot.offset +
+                                             kCentralHeaderSize);
+    };
+    // An exact match wins over an earlier one that differs in case only, so the (usual)
+    // exact match is looked for first.
+    std::optional<std::uint32_t> folded;
+    for (const bool exact : {true, false}) {
+        for (std::uint32_t index = 0; index < reader.names.size(); ++index) {
+            const UnzReader::NameSlot& slot = reader.names[index];
+            if (slot.length != length) {
+                continue;
             }
-            if (!folded) {
-                folded = true;
-                foldedIndex = index;
-                foldedOffset = offset;
+            if (exact && std::memcmp(stored(slot), name, length) == 0) {
+                return GoTo(reader, index, reader.end.DirectoryStart() + slot.offset);
+            }
+            if (!exact && SameNameIgnoringCase(stored(slot), name, length)) {
+                folded = index;
+                break;
             }
         }
-        offset += kCentralHeaderSize + lengths.Total();
+    }
+    if (reader.damagedAfterNames) {
+        return UNZ_BADZIPFILE;
     }
     if (folded) {
-        return GoTo(reader, foldedIndex, reader.end.DirectoryStart() + foldedOffset);
+        return GoTo(reader, *folded, reader.end.DirectoryStart() + reader.names[*folded].offset);
     }
     return UNZ_END_OF_LIST_OF_FILE;
 }
@@ -242,6 +269,7 @@ int unzGetGlobalInfo(unzFile file, unz_global_info* info) {
     }
     info->number_entry = AsReader(file)->end.entryCount;
     info->size_comment = static_cast<std::uint32_t>(AsReader(file)->end.comment.size());
+    info->file_size = AsReader(file)->end.fileSize;
     return UNZ_OK;
 }
 

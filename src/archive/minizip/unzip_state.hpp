@@ -31,6 +31,15 @@ struct UnzReader {
     // The central directory, read once at open when it is of a sane size: every walk and
     // lookup then works from memory instead of seeking through the file record by record.
     std::vector<std::uint8_t> directory;
+    // Where each record of that directory starts and how long its name is, up to the first
+    // damaged record: built by the first lookup, so that the next ones skip the parsing.
+    struct NameSlot {
+        std::uint32_t offset;
+        std::uint16_t length;
+    };
+    std::vector<NameSlot> names;
+    bool namesIndexed = false;
+    bool damagedAfterNames = false;
 };
 
 inline UnzReader* AsReader(unzFile file) noexcept {

@@ -4,6 +4,7 @@
 #include "archive/minizip/zip_writer_state.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 namespace QOB::MiniZip {
@@ -11,6 +12,8 @@ namespace {
 
 constexpr std::uint32_t kZeroChunk = 65536;
 constexpr std::uint32_t kContentSizeField = 4;
+// Entries up to this size (header included) are rewritten with a single write.
+constexpr std::size_t kSingleWrite = 1024 * 1024;
 
 // The bytes the entry may occupy end at the next local header behind it, or at the end of
 // the data. Checked so that a damaged directory can never make us write over a neighbour.
@@ -87,13 +90,26 @@ int Replace(ZipWriter& writer, const char* name, const void* content, std::uint3
 
     std::vector<std::uint8_t> header;
     AppendLocalHeader(header, row, row.extra.data(), row.extra.size());
-    bool written = writer.file.WriteAt(localPosition, header.data(),
-                                       static_cast<std::uint32_t>(header.size())) &&
-                   writer.file.Write(content, length);
-    for (std::uint32_t left = padding; written && left > 0;) {
-        const std::uint32_t chunk = std::min(left, kZeroChunk);
-        written = writer.file.Write(zeros.data(), chunk);
-        left -= chunk;
+    bool written = false;
+    if (header.size() + allocated <= kSingleWrite) {
+        // Header, content and padding in one write: one region for a journal to save
+        // and flush before the entry changes, instead of one per piece.
+        const std::size_t headerSize = header.size();
+        header.resize(headerSize + allocated, 0);
+        if (length > 0) {
+            std::memcpy(header.data() + headerSize, content, length);
+        }
+        written = writer.file.WriteAt(localPosition, header.data(),
+                                      static_cast<std::uint32_t>(header.size()));
+    } else {
+        written = writer.file.WriteAt(localPosition, header.data(),
+                                      static_cast<std::uint32_t>(header.size())) &&
+                  writer.file.Write(content, length);
+        for (std::uint32_t left = padding; written && left > 0;) {
+            const std::uint32_t chunk = std::min(left, kZeroChunk);
+            written = writer.file.Write(zeros.data(), chunk);
+            left -= chunk;
+        }
     }
     // The directory is written from the table on close, which now holds the new CRC and
     // field. New entries keep going where the data ended.
