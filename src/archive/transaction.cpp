@@ -133,10 +133,6 @@ MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
     return table;
 }
 
-std::uint64_t Transaction::Length() const {
-    return cut_ ? *cut_ : std::filesystem::file_size(File());
-}
-
 std::uint32_t Transaction::Read(void* opaque, void* stream, void* buffer, std::uint32_t size) {
     const auto* self = static_cast<Transaction*>(opaque);
     if (self->cut_) {

@@ -48,8 +48,6 @@ public:
     const std::filesystem::path& File() const noexcept;
     // The I/O table for archives on the path.
     MiniZip::zlib_filefunc_def FileFunctions() noexcept;
-    // The file's length as the call's archives see it, a pending cut included.
-    std::uint64_t Length() const;
 
 private:
     static std::uint32_t Read(void* opaque, void* stream, void* buffer, std::uint32_t size);

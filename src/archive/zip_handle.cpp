@@ -35,10 +35,10 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
 
     // Inside a mutating call the file goes through that call's transaction; any other open
     // first rolls back what a dead process left half done.
-    transaction_ = Transaction::Find(path);
-    if (transaction_ != nullptr) {
-        raw_ = transaction_->FileFunctions();
-        file_ = transaction_->File();
+    Transaction* transaction = Transaction::Find(path);
+    if (transaction != nullptr) {
+        raw_ = transaction->FileFunctions();
+        file_ = transaction->File();
     } else {
         packageLock_ = PackageLock(path, false);
         // A journal seen under the lock was left by a dead process (a live one holds the
@@ -156,14 +156,6 @@ void Handle::Flush() {
         // Reading the result back at once makes a broken archive fail the change that
         // broke it, not some later call. The reader stays open for the reads that follow.
         UnzipOpen();
-    }
-}
-
-std::uint64_t Handle::FileSize() const noexcept {
-    try {
-        return transaction_ != nullptr ? transaction_->Length() : std::filesystem::file_size(file_);
-    } catch (...) {
-        return 0;
     }
 }
 

@@ -13,10 +13,6 @@
 #include <string>
 #include <variant>
 
-namespace QOB {
-class Transaction;
-}
-
 namespace QOB::MiniZip {
 
 class Handle {
@@ -37,8 +33,6 @@ public:
 
     // The archive's path as UTF-8, for messages.
     const std::string& Path() const noexcept { return path_; }
-    // Size of the archive file now; 0 when it cannot be read.
-    std::uint64_t FileSize() const noexcept;
 
 private:
     struct ZipOpenState {
@@ -58,8 +52,6 @@ private:
     // Outside a change: a shared lock on the package for the handle's life, so that another
     // user's change never runs under a read.
     PackageLock packageLock_;
-    // Inside a change: the call's transaction, through which the file is seen.
-    Transaction* transaction_ = nullptr;
     void* stream_ = nullptr;
     std::variant<std::monostate, ZipOpenState, UnzipOpenState> state_;
     zlib_filefunc_def raw_{};
