@@ -274,17 +274,35 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
         LogInfo(Format("Archive::Extract: created directory \"%s\"",
                        PathToUtf8((base / relative).parent_path()).c_str()));
     }
-    std::vector<std::byte> buffer(kCopyBufferSize);
-    for (std::uint64_t remaining = entry.content_size; remaining > 0;) {
+    ReadInRounds(unzip, entry.content_size, [&](const std::byte* bytes, std::size_t length) {
+        if (!Platform::OutputWrite(out.get(), bytes, length)) {
+            throw Exception(INTERNAL_INCONSISTENCY, "write error");
+        }
+    });
+    ReadEnd(unzip, entry);
+}
+
+void Archive::Check(const Path& path) {
+    const OperationTrail trail(Format("Archive::[\"%s\"]::Check path=\"%s\"", Name(), path.CStr()));
+    const Entry entry = Get(path);
+    void* unzip = handle_->Unzip();
+    ReadBegin(unzip, entry);
+    CheckEntryFitsFile(unzip, entry.content_size);
+    ReadInRounds(unzip, entry.content_size, [](const std::byte*, std::size_t) {});
+    ReadEnd(unzip, entry);
+}
+
+void Archive::ReadInRounds(void* unzip, std::uint64_t size,
+                           const std::function<void(const std::byte*, std::size_t)>& sink) {
+    std::vector<std::byte> buffer(
+        static_cast<std::size_t>(std::min<std::uint64_t>(size, kCopyBufferSize)));
+    for (std::uint64_t remaining = size; remaining > 0;) {
         const auto round =
             static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
         TryRead(unzip, buffer.data(), round);
-        if (!Platform::OutputWrite(out.get(), buffer.data(), round)) {
-            throw Exception(INTERNAL_INCONSISTENCY, "write error");
-        }
+        sink(buffer.data(), round);
         remaining -= round;
     }
-    ReadEnd(unzip, entry);
 }
 
 void Archive::Insert(const Path& internal, const std::filesystem::path& external,

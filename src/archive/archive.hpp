@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,6 +52,8 @@ public:
     // The same into a caller's buffer of at least Get(path).content_size bytes; bytes
     // beyond the content are left untouched.
     void Read(const Path& path, std::byte* buffer, std::size_t length);
+    // Reads the entry through a fixed buffer only to check it as Read does, at any size.
+    void Check(const Path& path);
     // Writes the content into a file, creating missing directories; an existing file is
     // replaced when overwrite is set and refused otherwise. The file's name is never
     // followed if it is a link (INVALID_PARAMETER).
@@ -79,6 +82,9 @@ private:
     const char* Name() const noexcept;
     void WriteOut(const Entry& entry, const std::filesystem::path& root,
                   const std::filesystem::path& relative);
+    // Hands the open entry's next size bytes to sink, one buffer at a time.
+    void ReadInRounds(void* unzip, std::uint64_t size,
+                      const std::function<void(const std::byte*, std::size_t)>& sink);
     // True when the entry, named exactly, already holds this content and zero padding.
     bool Holds(const Path& path, const std::byte* content, std::size_t length);
     // Keeps what Read returned for the entry the reader stands on, if it is small.

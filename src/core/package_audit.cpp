@@ -51,7 +51,7 @@ std::vector<EntryReport> ListOpen(Archive& archive, bool check) {
                     report.problem = "the name is not a plain relative path";
                 } else {
                     // Reading checks the zero padding and the CRC-32 of content and padding.
-                    archive.Read(path);
+                    archive.Check(path);
                 }
             } catch (const std::exception& e) {
                 report.problem = e.what();
