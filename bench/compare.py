@@ -139,16 +139,21 @@ def measure(qob, lib, raw_mib):
             return prepare
 
         def copy_of(source, name):
+            # Flushed, so that a command that flushes the file pays for its own writes only.
             def prepare():
                 shutil.copyfile(source, name)
+                with open(name, "rb") as copy:
+                    os.fsync(copy.fileno())
             return prepare
 
         # Create.
         cat = ("cat " + " ".join(f'"{p}"' for p, _ in ws.files.values())
                + f' > "{ws.path("cat.out")}"')
-        floor = median_seconds(lambda: subprocess.run(cat, shell=True, check=True))
+        floor = median_seconds(lambda: subprocess.run(cat, shell=True, check=True),
+                               fresh(ws.path("cat.out")))
         durable_floor = median_seconds(lambda: subprocess.run(
-            cat + f' && sync -d "{ws.path("cat.out")}"', shell=True, check=True))
+            cat + f' && sync -d "{ws.path("cat.out")}"', shell=True, check=True),
+            fresh(ws.path("cat.out")))
         ours = twice(ws.create_args(qob, target), fresh())
         fresh()()
         memory["create"] = peak_rss_mib(*ws.create_args(qob, target))
