@@ -40,7 +40,7 @@ def write_random(path, size, seed):
             out.write(block[: min(left, MIB)])
 
 
-def median_seconds(run, prepare=None, repeat=5):
+def median_seconds(run, prepare=None, repeat=7):
     times = []
     for _ in range(repeat):
         if prepare:
