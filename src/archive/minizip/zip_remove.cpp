@@ -8,7 +8,7 @@
 namespace QOB::MiniZip {
 namespace {
 
-constexpr std::uint32_t kMoveChunk = 1024 * 1024;
+constexpr std::uint32_t kMoveChunk = 4 * 1024 * 1024;
 
 bool Move(StreamAccess& file, std::uint64_t from, std::uint64_t to, std::uint64_t size,
           std::vector<std::uint8_t>& buffer) {
@@ -52,19 +52,23 @@ int Remove(ZipWriter& writer, const char* name) {
         }
     }
 
+    // The entries behind the removed one are contiguous: they move down as one block, so a
+    // journal under the file sees one run of large writes.
     const auto removed = static_cast<std::size_t>(found);
-    std::vector<std::uint8_t> buffer(kMoveChunk);
     std::uint64_t destination = position(removed);
+    const std::uint64_t tail = removed + 1 < table.size() ? position(removed + 1) : *endOfData;
+    const std::uint64_t shift = tail - destination;
+    std::vector<std::uint8_t> buffer(
+        static_cast<std::size_t>(std::min<std::uint64_t>(*endOfData - tail, kMoveChunk)));
     int result = ZIP_OK;
-    for (std::size_t row = removed + 1; row < table.size(); ++row) {
-        const std::uint64_t source = position(row);
-        const std::uint64_t next = row + 1 < table.size() ? position(row + 1) : *endOfData;
-        if (!Move(writer.file, source, destination, next - source, buffer)) {
-            result = ZIP_ERRNO;
-            break;
+    if (Move(writer.file, tail, destination, *endOfData - tail, buffer)) {
+        for (std::size_t row = removed + 1; row < table.size(); ++row) {
+            table[row].localHeaderOffset =
+                static_cast<std::uint32_t>(position(row) - shift - writer.bytesBefore);
         }
-        table[row].localHeaderOffset = static_cast<std::uint32_t>(destination - writer.bytesBefore);
-        destination += next - source;
+        destination += *endOfData - tail;
+    } else {
+        result = ZIP_ERRNO;
     }
     table.erase(table.begin() + found);
     if (result != ZIP_OK) {
