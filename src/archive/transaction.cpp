@@ -179,6 +179,9 @@ std::uint32_t Transaction::Write(void* opaque, void* stream, const void* buffer,
     self->length_ = std::max(self->length_, offset + written);
     if (self->cut_) {
         self->cut_ = std::max(*self->cut_, offset + written);
+        if (*self->cut_ >= self->length_) {
+            self->cut_.reset(); // written up to the real end: nothing is left to cut
+        }
     }
     return written;
 }
@@ -189,7 +192,11 @@ int Transaction::Truncate(void* opaque, void* stream, std::uint32_t newSize) {
         return -5;
     }
     if (newSize <= self->cut_.value_or(self->length_)) {
-        self->cut_ = newSize;
+        if (newSize < self->length_) {
+            self->cut_ = newSize;
+        } else {
+            self->cut_.reset();
+        }
         return 0;
     }
     if (self->cut_) {
@@ -337,7 +344,7 @@ void Transaction::Commit() {
         committed_ = true; // nothing was written
         return;
     }
-    if (cut_ && *cut_ < length_) {
+    if (cut_) {
         Cut();
     }
     journal_->Close();
