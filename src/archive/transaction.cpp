@@ -382,8 +382,12 @@ bool Transaction::Cut() {
     if (!Platform::SyncFile(package_)) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
     }
-    if (!journal_->Finish(*cut_) || !journal_->Sync()) {
-        journal_->Retract();
+    const bool finished = journal_->Finish(*cut_);
+    if (!finished || !journal_->Sync()) {
+        // A whole record that cannot be taken back completes the change at any recovery.
+        if (!journal_->Retract() && finished) {
+            return false;
+        }
         throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
     }
     bool cut = false;
