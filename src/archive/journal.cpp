@@ -283,7 +283,7 @@ Recovery RecoverFromJournal(const MiniZip::zlib_filefunc_def& io,
             if (const auto closing = ClosingLength(journal, size, end)) {
                 // Committed: the package holds the new bytes and only its cut is owed.
                 const std::uint64_t now = std::filesystem::file_size(package, error);
-                if (error || *closing > now) {
+                if (error || *closing > 0xFFFFFFFFu || *closing > now) {
                     CannotRestore();
                 }
                 length = *closing;
