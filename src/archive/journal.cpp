@@ -66,37 +66,52 @@ struct Record {
     std::uint64_t data; // position of the data in the journal
 };
 
+[[noreturn]] void CannotRestore() {
+    throw Exception(CANNOT_READ_FILE_PCK, "failed to roll back an interrupted change");
+}
+
+// Reads journal bytes that lie within its `size`. A read that fails there is the device
+// failing, not a journal cut short: taking it for the end would drop records.
+void ReadWithin(OpenStream& journal, std::uint64_t position, void* bytes, std::uint32_t count) {
+    if (!journal->ReadAt(position, bytes, count)) {
+        CannotRestore();
+    }
+}
+
 // The records whose checksum holds, up to the first that does not: that one, and all
 // after it, protected regions that were never written. `end` is where they stop.
-std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t original, std::uint64_t& end) {
+std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t size, std::uint64_t original,
+                                 std::uint64_t& end) {
     std::vector<Record> records;
     std::vector<std::uint8_t> buffer(kCopyChunk);
     std::uint64_t& position = end;
     position = kHeaderSize;
     for (;;) {
         std::array<std::uint8_t, kRecordHeaderSize> head{};
-        if (!journal->ReadAt(position, head.data(), kRecordHeaderSize) ||
-            Bytes::Get32(head.data()) != kRecordMagic) {
+        if (size - position < kRecordHeaderSize) {
+            return records;
+        }
+        ReadWithin(journal, position, head.data(), kRecordHeaderSize);
+        if (Bytes::Get32(head.data()) != kRecordMagic) {
             return records;
         }
         const std::uint64_t offset = Get64(head.data() + 4);
         const std::uint64_t length = Get64(head.data() + 12);
-        if (offset > original || length > original - offset) {
+        if (offset > original || length > original - offset ||
+            size - position - kRecordHeaderSize < length + 4) {
             return records;
         }
         std::uint32_t crc = Crc(0, head.data(), kRecordHeaderSize);
         for (std::uint64_t done = 0; done < length;) {
             const auto round =
                 static_cast<std::uint32_t>(std::min<std::uint64_t>(length - done, kCopyChunk));
-            if (!journal->ReadAt(position + kRecordHeaderSize + done, buffer.data(), round)) {
-                return records;
-            }
+            ReadWithin(journal, position + kRecordHeaderSize + done, buffer.data(), round);
             crc = Crc(crc, buffer.data(), round);
             done += round;
         }
         std::array<std::uint8_t, 4> stored{};
-        if (!journal->ReadAt(position + kRecordHeaderSize + length, stored.data(), 4) ||
-            Bytes::Get32(stored.data()) != crc) {
+        ReadWithin(journal, position + kRecordHeaderSize + length, stored.data(), 4);
+        if (Bytes::Get32(stored.data()) != crc) {
             return records;
         }
         records.push_back(
@@ -106,18 +121,18 @@ std::vector<Record> ValidRecords(OpenStream& journal, std::uint64_t original, st
 }
 
 // The length the closing record at `position` gives, if one is there whole.
-std::optional<std::uint64_t> ClosingLength(OpenStream& journal, std::uint64_t position) {
+std::optional<std::uint64_t> ClosingLength(OpenStream& journal, std::uint64_t size,
+                                           std::uint64_t position) {
     std::array<std::uint8_t, kClosingSize> record{};
-    if (!journal->ReadAt(position, record.data(), kClosingSize) ||
-        Bytes::Get32(record.data()) != kClosingMagic ||
+    if (size - position < kClosingSize) {
+        return std::nullopt;
+    }
+    ReadWithin(journal, position, record.data(), kClosingSize);
+    if (Bytes::Get32(record.data()) != kClosingMagic ||
         Bytes::Get32(record.data() + 12) != Crc(0, record.data(), 12)) {
         return std::nullopt;
     }
     return Get64(record.data() + 4);
-}
-
-[[noreturn]] void CannotRestore() {
-    throw Exception(CANNOT_READ_FILE_PCK, "failed to roll back an interrupted change");
 }
 
 } // namespace
@@ -202,9 +217,18 @@ bool JournalWriter::Finish(std::uint64_t length) {
 }
 
 bool JournalWriter::Retract() {
+    if (finishedAt_ == 0) {
+        return true; // never written
+    }
     StreamAccess journal(io_, stream_);
-    return finishedAt_ != 0 && journal.Truncate(static_cast<std::uint32_t>(finishedAt_)) == 0 &&
-           journal.SeekTo(finishedAt_) && Sync();
+    if (journal.Truncate(static_cast<std::uint32_t>(finishedAt_)) != 0) {
+        return false;
+    }
+    // Gone from the file, the record no longer decides a recovery in this process; the
+    // flush makes that so after a power cut too.
+    journal.SeekTo(finishedAt_);
+    Sync();
+    return true;
 }
 
 bool JournalWriter::Sync() {
@@ -225,19 +249,30 @@ Recovery RecoverFromJournal(const MiniZip::zlib_filefunc_def& io,
         if (!journal) {
             CannotRestore();
         }
+        const std::uint64_t size = std::filesystem::file_size(path, error);
+        if (error) {
+            CannotRestore();
+        }
         std::array<std::uint8_t, kHeaderSize> header{};
-        const bool complete = journal->ReadAt(0, header.data(), kHeaderSize) &&
+        if (size >= kHeaderSize) {
+            ReadWithin(journal, 0, header.data(), kHeaderSize);
+        }
+        const bool complete = size >= kHeaderSize &&
                               std::memcmp(header.data(), kMagic.data(), kMagic.size()) == 0 &&
                               Bytes::Get32(header.data() + 28) == Crc(0, header.data(), 28);
         const std::uint64_t original = Get64(header.data() + 16);
         // An incomplete header was written before anything else: the package is untouched.
         // A journal whose package is gone has nothing left to restore.
-        if (complete && std::filesystem::exists(package, error)) {
+        const bool present = std::filesystem::exists(package, error);
+        if (error) {
+            CannotRestore(); // not known to be gone
+        }
+        if (complete && present) {
             if (original > 0xFFFFFFFFu) {
                 CannotRestore();
             }
             std::uint64_t end = 0;
-            std::vector<Record> records = ValidRecords(journal, original, end);
+            std::vector<Record> records = ValidRecords(journal, size, original, end);
             OpenStream target(io, package,
                               MiniZip::kOpenRead | MiniZip::kOpenWrite | MiniZip::kOpenExisting);
             if (!target) {
@@ -245,9 +280,10 @@ Recovery RecoverFromJournal(const MiniZip::zlib_filefunc_def& io,
             }
             std::uint64_t length = original;
             result = Recovery::RolledBack;
-            if (const auto closing = ClosingLength(journal, end)) {
+            if (const auto closing = ClosingLength(journal, size, end)) {
                 // Committed: the package holds the new bytes and only its cut is owed.
-                if (*closing > 0xFFFFFFFFu || *closing > std::filesystem::file_size(package)) {
+                const std::uint64_t now = std::filesystem::file_size(package, error);
+                if (error || *closing > 0xFFFFFFFFu || *closing > now) {
                     CannotRestore();
                 }
                 length = *closing;

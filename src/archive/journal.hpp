@@ -32,7 +32,8 @@ public:
                 std::uint32_t back);
     // Appends the closing record: the change is complete once the package is `length` long.
     bool Finish(std::uint64_t length);
-    // Takes the closing record back, so that recovery rolls the change back again.
+    // Takes the closing record back, so that recovery rolls the change back again. False
+    // when the record is still there: recovery will complete the change.
     bool Retract();
     bool Sync();
     void Close() noexcept;

@@ -344,16 +344,28 @@ void Transaction::Commit() {
         committed_ = true; // nothing was written
         return;
     }
-    if (cut_) {
-        Cut();
+    // Once the package is cut, the bytes cut off are gone and the closing record can only
+    // complete the change: a failure after that is the next open's to finish, not this call's.
+    const bool cutting = cut_.has_value();
+    if (cutting && !Cut()) {
+        Decided();
+        return;
     }
     journal_->Close();
     if (!Platform::SyncFile(package_)) {
+        if (cutting) {
+            Decided();
+            return;
+        }
         throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
     }
     // Deleting the journal is the commit.
     std::error_code error;
     if (!std::filesystem::remove(JournalPath(package_), error)) {
+        if (cutting) {
+            Decided();
+            return;
+        }
         throw Exception(INTERNAL_INCONSISTENCY, "failed to remove journal");
     }
     committed_ = true;
@@ -362,13 +374,27 @@ void Transaction::Commit() {
     // roll back this one call, which is still all or nothing.
 }
 
-void Transaction::Cut() {
+void Transaction::Decided() noexcept {
+    committed_ = true;
+    journal_.reset();
+    try {
+        RecoverFromJournal(base_, package_); // completes the change now, if it can
+    } catch (...) {
+        // The journal stays, with its closing record: the next call completes the change.
+    }
+}
+
+bool Transaction::Cut() {
     // The new bytes must be on the device before the closing record says they are whole.
     if (!Platform::SyncFile(package_)) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
     }
-    if (!journal_->Finish(*cut_) || !journal_->Sync()) {
-        journal_->Retract();
+    const bool finished = journal_->Finish(*cut_);
+    if (!finished || !journal_->Sync()) {
+        // A whole record that cannot be taken back completes the change at any recovery.
+        if (!journal_->Retract() && finished) {
+            return false;
+        }
         throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
     }
     bool cut = false;
@@ -380,11 +406,14 @@ void Transaction::Cut() {
     }
     if (!cut) {
         // Not cut, so nothing is lost yet: without its closing record the journal rolls the
-        // change back. Should even that fail, the next open completes the change instead.
-        journal_->Retract();
+        // change back. Should the record stay, the change is decided and recovery completes it.
+        if (!journal_->Retract()) {
+            return false;
+        }
         throw Exception(INTERNAL_INCONSISTENCY, "failed to cut the package to its new length");
     }
     length_ = *cut_;
+    return true;
 }
 
 void Transaction::RollBack() noexcept {

@@ -54,8 +54,9 @@ private:
     static long Seek(void* opaque, void* stream, std::uint32_t offset, int origin);
     static std::uint32_t Write(void* opaque, void* stream, const void* buffer, std::uint32_t size);
     static int Truncate(void* opaque, void* stream, std::uint32_t newSize);
-    // Makes the pending cut: the closing record first, then the cut itself.
-    void Cut();
+    // Makes the pending cut: the closing record first, then the cut itself. Throws when the
+    // change is rolled back; false when the change is decided but the cut is left to recovery.
+    bool Cut();
     // Journals what is needed before the package's bytes [begin, end) may change.
     bool Protect(void* stream, std::uint64_t begin, std::uint64_t end) noexcept;
     void ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end);
@@ -65,6 +66,9 @@ private:
     // rewrites them, so they are saved with the first record and share its flush.
     std::uint64_t DirectoryStart(void* stream);
     void RollBack() noexcept;
+    // The change is committed but its journal still stands: completes it, or leaves that to
+    // the next call on the package.
+    void Decided() noexcept;
 
     std::filesystem::path key_;
     std::filesystem::path package_;
