@@ -19,12 +19,22 @@ struct SinkState {
 
 SinkState g_state;
 
+// "[QOB][WARN ] time: ...": a slow call's timing, which is for whoever tunes a host, not for
+// the person at the prompt (a busy machine would otherwise print it after any command).
+bool IsTiming(const char* text) {
+    const char* close = std::strchr(text, ']');
+    close = close != nullptr ? std::strchr(close + 1, ']') : nullptr;
+    return close != nullptr && std::string_view(close + 1).starts_with(" time: ");
+}
+
 void Sink(int level, const char* text, void* user) {
     auto* state = static_cast<SinkState*>(user);
     if (level <= 1) {
         state->lastErrors.append(text).push_back('\n');
     }
-    const bool show = (level == 2 && !state->quiet) || (level <= 1 && state->verbosity >= 1) ||
+    const int shownFrom = level == 2 && IsTiming(text) ? 1 : 0; // verbosity that shows a WARN
+    const bool show = (level == 2 && !state->quiet && state->verbosity >= shownFrom) ||
+                      (level <= 1 && state->verbosity >= 1) ||
                       (level >= 3 && level <= 2 + state->verbosity);
     if (show) {
         std::fprintf(stderr, "%s\n", text);
