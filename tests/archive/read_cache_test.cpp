@@ -13,7 +13,7 @@ using namespace qobtest;
 
 // A 32-bit long (Windows) reports positions from 2 GiB up as negative values: the cache
 // and the zip layer read them back as unsigned.
-TEST(ZipHandleTest, ReadCacheTakesPositionsPastTwoGiBFromA32BitTell) {
+TEST(ReadCacheTest, TakesPositionsPastTwoGiBFromA32BitTell) {
     const struct {
         long tell;
         std::optional<std::uint32_t> position;
