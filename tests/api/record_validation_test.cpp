@@ -1,8 +1,7 @@
-// The validity rules of the public records, and the pieces of the frame behind the exports.
+// The validity rules of the public records, log prefixes, and how the frame maps exceptions.
 #include "api/call_frame.hpp"
 #include "api/record_validation.hpp"
 #include "common/test_files.hpp"
-#include "support/fixed_string.hpp"
 
 #include <gtest/gtest.h>
 
@@ -58,21 +57,6 @@ TEST(RecordValidation, StringFieldsAndLists) {
     }
 }
 
-TEST(FixedString, ToCStringWarnsOnMissingTerminator) {
-    char field[260];
-    std::memset(field, 'a', sizeof(field));
-    qobtest::LogCapture log(&QOB::SetLogSink);
-    EXPECT_STREQ(QOB::ToCString(field), "");
-    ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_EQ(log.lines[0].text,
-              "[QOB][WARN ] ToCString: missing null terminator, returning empty string");
-    field[259] = '\0';
-    EXPECT_EQ(QOB::ToCString(field), field);
-    EXPECT_TRUE(QOB::CopyToField(field, std::string(259, 'b').c_str()));
-    EXPECT_FALSE(QOB::CopyToField(field, std::string(260, 'c').c_str()));
-    EXPECT_EQ(field[0], 'b');
-}
-
 TEST(Logging, PrefixesAndPassThrough) {
     qobtest::LogCapture log(&QOB::SetLogSink);
     QOB::LogFatal("a");
@@ -88,16 +72,6 @@ TEST(Logging, PrefixesAndPassThrough) {
         EXPECT_EQ(log.lines[i].level, i);
         EXPECT_EQ(log.lines[i].text, expected[i]);
     }
-}
-
-TEST(ErrorNames, TableAndUnknownCodes) {
-    EXPECT_STREQ(QOB::ErrorName(0), "SUCCESS");
-    EXPECT_STREQ(QOB::ErrorName(-15), "INTERNAL_INCONSISTENCY");
-    EXPECT_STREQ(QOB::ErrorName(-100), "FUNC_NOT_IMPL");
-    for (int code : {-16, -99, 1, -101}) {
-        EXPECT_STREQ(QOB::ErrorName(code), "invalid error code");
-    }
-    EXPECT_EQ(QOB::Format("%s=%zu", "n", static_cast<std::size_t>(42)), "n=42");
 }
 
 TEST(CallGuarded, MapsEveryKindOfException) {
@@ -121,47 +95,6 @@ TEST(CallGuarded, MapsEveryKindOfException) {
                                    }
                                }),
               SUCCESS);
-}
-
-TEST(Deferred, RunsByCondition) {
-    int always = 0, onFailure = 0, onSuccess = 0;
-    auto scope = [&](bool fail) {
-        QOB::Deferred a(QOB::DeferCondition::Always, [&] { ++always; });
-        QOB::Deferred f(QOB::DeferCondition::OnFailure, [&] { ++onFailure; });
-        QOB::Deferred s(QOB::DeferCondition::OnSuccess, [&] { ++onSuccess; });
-        if (fail) {
-            throw std::runtime_error("x");
-        }
-    };
-    scope(false);
-    EXPECT_EQ(std::make_tuple(always, onFailure, onSuccess), std::make_tuple(1, 0, 1));
-    int seenInHandler = -1;
-    try {
-        scope(true);
-    } catch (const std::exception&) {
-        seenInHandler = onFailure; // the guard ran before the handler
-    }
-    EXPECT_EQ(seenInHandler, 1);
-    EXPECT_EQ(std::make_tuple(always, onFailure, onSuccess), std::make_tuple(2, 1, 1));
-
-    // A guard made inside a destructor during unwinding judges only its own scope.
-    struct Unwinder {
-        int* count;
-        ~Unwinder() {
-            QOB::Deferred inner(QOB::DeferCondition::OnFailure, [this] { ++*count; });
-        }
-    };
-    int innerRuns = 0;
-    try {
-        Unwinder u{&innerRuns};
-        throw std::runtime_error("y");
-    } catch (const std::exception&) {
-    }
-    EXPECT_EQ(innerRuns, 0);
-
-    std::function<void()> source = [] {};
-    QOB::Deferred moved(QOB::DeferCondition::Dismissed, std::move(source));
-    EXPECT_FALSE(static_cast<bool>(source));
 }
 
 } // namespace

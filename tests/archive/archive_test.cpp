@@ -4,48 +4,10 @@
 #include "common/test_files.hpp"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 namespace {
 
 using namespace qobtest;
-
-TEST(ArchiveTest, InsertListGetReadAndContains) {
-    TempDir dir;
-    const auto path = dir / "a.zip";
-    const std::string big = RandomBytes(200000, 3);
-    WriteFile(dir / "src.bin", big);
-    WriteFile(dir / "empty", "");
-    QOB::Archive archive(path, false);
-    archive.Insert(QOB::Path("Settings/a.xml"), Bytes("<a/>"), 4, 16);
-    archive.Insert(QOB::Path("raw/src.bin"), dir / "src.bin", 10);
-    archive.Insert(QOB::Path("empty"), dir / "empty", 0);
-
-    const auto entries = archive.List();
-    ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[0].path, "Settings/a.xml");
-    EXPECT_EQ(entries[1].content_size, big.size());
-    EXPECT_EQ(entries[1].allocated_size, big.size() + 10);
-    EXPECT_TRUE(Text(archive.Read(QOB::Path("raw/src.bin"))) == big);
-    EXPECT_TRUE(archive.Read(QOB::Path("empty")).empty());
-    EXPECT_TRUE(archive.Contains(QOB::Path("SETTINGS/A.XML")));
-    EXPECT_FALSE(archive.Contains(QOB::Path("Settings/b.xml")));
-    EXPECT_EQ(archive.Get(QOB::Path("settings/a.XML")).content_size, 4u);
-    EXPECT_EQ(Failure([&] { archive.Get(QOB::Path("nope")); }),
-              "[FILE_NOT_IN_PACKAGE] minizip returned UNZ_END_OF_LIST_OF_FILE");
-
-    std::string buffer = "....#";
-    auto* into = reinterpret_cast<std::byte*>(buffer.data());
-    archive.Read(QOB::Path("Settings/a.xml"), into, 4);
-    EXPECT_EQ(buffer, "<a/>#");
-    EXPECT_EQ(Failure([&] { archive.Read(QOB::Path("Settings/a.xml"), into, 3); }),
-              "[INTERNAL_INCONSISTENCY] buffer too small: src=4 dst=3");
-#ifndef _WIN32
-    // procfs reports size 0 for a file with content: it "grew" after the size query.
-    EXPECT_EQ(Failure([&] { archive.Insert(QOB::Path("p"), "/proc/self/status", 0); }),
-              "[INTERNAL_INCONSISTENCY] file larger than expected");
-#endif
-}
 
 TEST(ArchiveTest, UpdateRewritesInPlace) {
     TempDir dir;
@@ -56,42 +18,15 @@ TEST(ArchiveTest, UpdateRewritesInPlace) {
         archive.Insert(QOB::Path("first"), Bytes("0123456789"), 10, 6);
         archive.Insert(QOB::Path("tail"), Bytes(tail), tail.size(), 0);
     }
-    const std::string before = ReadFile(path);
-    const auto old = InspectZip(before).records;
     auto update = [&](const std::string& name, const std::string& content) {
         QOB::Archive archive(path, true);
         archive.Update(QOB::Path(name), Bytes(content), content.size());
     };
 
-    // Same place, size and time stamp; new field and CRC-32 over content and zero padding;
-    // the next entry untouched.
-    update("first", "abc");
-    const std::string after = ReadFile(path);
-    const auto now = InspectZip(after).records;
-    ASSERT_EQ(after.size(), before.size());
-    EXPECT_EQ(now[0].dosTime, old[0].dosTime);
-    const std::string stored = "abc" + std::string(13, '\0');
-    EXPECT_EQ(now[0].crc, crc32(0, reinterpret_cast<const Bytef*>(stored.data()), 16));
-    EXPECT_EQ(after.substr(30 + 5, 4 + 16), std::string("\3\0\0\0", 4) + stored);
-    EXPECT_TRUE(after.compare(now[1].localOffset, 5038, before, old[1].localOffset, 5038) == 0);
-    {
-        QOB::Archive archive(path, true);
-        EXPECT_EQ(archive.Get(QOB::Path("first")).data_offset, 39u);
-        EXPECT_EQ(Text(archive.Read(QOB::Path("first"))), "abc");
-    }
-
     // Exactly the stored size: the field becomes 0 and all of it is content.
     update("first", "ABCDEFGHIJKLMNOP");
     EXPECT_EQ(ReadFile(path).substr(30 + 5, 4), std::string(4, '\0'));
     EXPECT_EQ(QOB::Archive(path, true).Get(QOB::Path("first")).content_size, 16u);
-
-    // One byte more, or a name in another case: refused, file untouched.
-    const std::string unchanged = ReadFile(path);
-    EXPECT_EQ(Failure([&] { update("first", std::string(17, 'x')); }),
-              "[INVALID_PARAMETER] minizip returned ZIP_PARAMERROR");
-    EXPECT_EQ(Failure([&] { update("FIRST", "x"); }),
-              "[FILE_NOT_IN_PACKAGE] minizip returned ZIP_FILENOTINPACKAGE");
-    EXPECT_TRUE(ReadFile(path) == unchanged);
 
     // One archive that read an entry, changed it and writes the old content back, or reads
     // one that a removal then moves: what it read earlier must not pass for the file.
@@ -118,7 +53,6 @@ TEST(ArchiveTest, RemoveCompactsTheFile) {
     TempDir dir;
     std::vector<std::pair<std::string, std::string>> all;
     for (int i = 0; i < 4; ++i) {
-        // Larger than the 16 KiB move buffer, so entries move in several rounds.
         all.emplace_back("e" + std::to_string(i), RandomBytes(9000 * (i + 1u), 10u + i));
     }
     const auto original = dir / "all.zip";
@@ -151,17 +85,6 @@ TEST(ArchiveTest, RemoveCompactsTheFile) {
         }
         EXPECT_EQ(image.directoryOffset, at);
     }
-
-    // Removing the only entry leaves the end record alone, which opens as an empty zip.
-    const auto path = dir / "one.zip";
-    {
-        QOB::Archive archive(path, false);
-        archive.Insert(QOB::Path("only.txt"), Bytes("x"), 1, 8);
-        archive.Remove(QOB::Path("only.txt"));
-        EXPECT_FALSE(archive.Contains(QOB::Path("only.txt")));
-    }
-    EXPECT_EQ(std::filesystem::file_size(path), 22u);
-    EXPECT_TRUE(QOB::Archive(path, true).List().empty());
 }
 
 } // namespace

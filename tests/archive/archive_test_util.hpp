@@ -102,8 +102,12 @@ inline ZipImage InspectZip(const std::string& bytes) {
         if (Le(bytes, at) != 0x02014B50) {
             throw std::runtime_error("bad central signature");
         }
-        CentralRecord r{at, Le(bytes, at + 12), Le(bytes, at + 16), Le(bytes, at + 20),
-                        Le(bytes, at + 42), bytes.substr(at + 46, Le(bytes, at + 28, 2))};
+        CentralRecord r{at,
+                        Le(bytes, at + 12),
+                        Le(bytes, at + 16),
+                        Le(bytes, at + 20),
+                        Le(bytes, at + 42),
+                        bytes.substr(at + 46, Le(bytes, at + 28, 2))};
         at += 46 + r.name.size() + Le(bytes, at + 30, 2) + Le(bytes, at + 32, 2);
         image.records.push_back(r);
     }
@@ -126,10 +130,9 @@ struct Padded {
 // One entry framed as the archive frames it: content, then `padding` zeros; both extra
 // fields hold the raw 4-byte content size (0 without padding).
 inline int AddPadded(zipFile zip, const Padded& entry, int method = 0) {
-    const std::string field = Patched(std::string(4, '\0'),
-                                      {{0, entry.padding > 0 ? static_cast<std::uint32_t>(
-                                                                   entry.content.size())
-                                                             : 0u}});
+    const std::string field =
+        Patched(std::string(4, '\0'),
+                {{0, entry.padding > 0 ? static_cast<std::uint32_t>(entry.content.size()) : 0u}});
     zip_fileinfo info{};
     info.dosDate = kDosDate;
     const std::string data = entry.content + std::string(entry.padding, '\0');
@@ -145,31 +148,6 @@ struct ReadBack {
     std::string name;
     std::string data; // the whole stored data, content and padding
 };
-
-// Reads every entry in directory order, `chunk` bytes per read; the first failure's code.
-inline int ReadAll(unzFile unz, std::vector<ReadBack>& out, unsigned chunk) {
-    out.clear();
-    int step = unzGoToFirstFile(unz);
-    for (; step == UNZ_OK; step = unzGoToNextFile(unz)) {
-        ReadBack entry;
-        unz_file_info info{};
-        std::vector<char> name(1024), buffer(chunk);
-        int result = unzGetCurrentFileInfo(unz, &info, name.data(), 1024, nullptr, 0, nullptr, 0);
-        if (result != UNZ_OK || (result = unzOpenCurrentFile(unz)) != UNZ_OK) {
-            return result;
-        }
-        entry.name.assign(name.data(), std::min(info.size_filename, 1024u));
-        while ((result = unzReadCurrentFile(unz, buffer.data(), chunk)) > 0) {
-            entry.data.append(buffer.data(), static_cast<std::size_t>(result));
-        }
-        const int closed = unzCloseCurrentFile(unz); // checks the CRC-32
-        if (result < 0 || closed != UNZ_OK) {
-            return result < 0 ? result : closed;
-        }
-        out.push_back(std::move(entry));
-    }
-    return step == UNZ_END_OF_LIST_OF_FILE ? UNZ_OK : step;
-}
 
 // An in-memory file behind the archive's own read-ahead cache, as a real archive file is:
 // the cache skips unread bytes on any repositioning, so the zip layer must seek before
@@ -233,7 +211,8 @@ inline std::string Build(const std::vector<Padded>& entries, int method = 0,
     return zipClose(zip, comment) == ZIP_OK ? file.data : std::string();
 }
 
-// Every entry of an archive held in memory; the result of opening and reading.
+// Every entry of an archive held in memory, in directory order, `chunk` bytes per read (the
+// CRC-32 checked); the first failure's code.
 inline int ReadMemory(const std::string& bytes, std::vector<ReadBack>& out, unsigned chunk = 999) {
     MemoryFile file;
     file.data = bytes;
@@ -242,9 +221,30 @@ inline int ReadMemory(const std::string& bytes, std::vector<ReadBack>& out, unsi
     if (unz == nullptr) {
         return UNZ_BADZIPFILE;
     }
-    const int result = ReadAll(unz, out, chunk);
+    out.clear();
+    int step = unzGoToFirstFile(unz);
+    for (; step == UNZ_OK; step = unzGoToNextFile(unz)) {
+        ReadBack entry;
+        unz_file_info info{};
+        std::vector<char> name(1024), buffer(chunk);
+        int result = unzGetCurrentFileInfo(unz, &info, name.data(), 1024, nullptr, 0, nullptr, 0);
+        if (result != UNZ_OK || (result = unzOpenCurrentFile(unz)) != UNZ_OK) {
+            step = result;
+            break;
+        }
+        entry.name.assign(name.data(), std::min(info.size_filename, 1024u));
+        while ((result = unzReadCurrentFile(unz, buffer.data(), chunk)) > 0) {
+            entry.data.append(buffer.data(), static_cast<std::size_t>(result));
+        }
+        const int closed = unzCloseCurrentFile(unz);
+        if (result < 0 || closed != UNZ_OK) {
+            step = result < 0 ? result : closed;
+            break;
+        }
+        out.push_back(std::move(entry));
+    }
     unzClose(unz);
-    return result;
+    return step == UNZ_END_OF_LIST_OF_FILE ? UNZ_OK : step;
 }
 
 // Opens the archive in `file` for editing, applies `edit`, closes; the edit's result.

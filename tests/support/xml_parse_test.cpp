@@ -10,6 +10,7 @@ namespace {
 using QOB::Xml::Error;
 using QOB::Xml::ErrorText;
 using QOB::Xml::Parse;
+using QOB::Xml::RenderLength;
 using QOB::Xml::RenderToString;
 
 TEST(XmlParse, ReportsWhereAndWhyItStopped) {
@@ -95,6 +96,29 @@ TEST(XmlParse, ReadsTheSupportedSyntax) {
     EXPECT_EQ(root.ChildCount(), 5U);
     EXPECT_EQ(RenderToString(root.Child("Text")),
               "<Text>one &amp; two &lt;raw&gt; &amp;amp; </Text>");
+}
+
+TEST(XmlParse, SurvivesHostileDepth) {
+    const std::size_t depth = 100000;
+    std::string open, close;
+    for (std::size_t i = 0; i < depth; ++i) {
+        open += "<a>";
+        close += "</a>";
+    }
+    // Unclosed: the parse fails and throws the partial tree away.
+    EXPECT_EQ(Parse(open + "x", "a").error, Error::UnmatchedEndTag);
+    const std::string deep = open + "x" + close;
+    const auto result = Parse(deep, "a");
+    ASSERT_EQ(result.error, Error::None);
+    EXPECT_EQ(RenderToString(result.element), deep);
+    EXPECT_EQ(RenderLength(result.element, true), RenderToString(result.element, true).size());
+    // Holding a handle deep inside keeps that subtree alone through the teardown.
+    QOB::Xml::Node inner = result.element;
+    for (std::size_t i = 0; i < depth / 2; ++i) {
+        inner = inner.ChildAt(0);
+    }
+    QOB::Xml::Node(result.element).ChildAt(0).Remove();
+    EXPECT_STREQ(inner.ChildAt(0).Name(), "a");
 }
 
 } // namespace
