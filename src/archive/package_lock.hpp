@@ -25,7 +25,10 @@ public:
         return *this;
     }
 
-    void MakeExclusive(bool exclusive) noexcept { Platform::FileLockConvert(lock_, exclusive); }
+    // False when the system refused: nothing is held then.
+    [[nodiscard]] bool MakeExclusive(bool exclusive) noexcept {
+        return Platform::FileLockConvert(lock_, exclusive);
+    }
 
 private:
     Platform::FileLock* lock_ = nullptr;

@@ -44,12 +44,18 @@ Handle::Handle(const std::filesystem::path& path, bool should_exist)
         // A journal seen under the lock was left by a dead process (a live one holds the
         // lock exclusively): it is rolled back alone, then the lock is shared again.
         const bool hot = std::filesystem::exists(JournalPath(path));
+        const auto relock = [&](bool exclusive) {
+            if (!packageLock_.MakeExclusive(exclusive)) {
+                throw Exception(INTERNAL_INCONSISTENCY,
+                                Format("cannot lock package \"%s\"", path_.c_str()));
+            }
+        };
         if (hot) {
-            packageLock_.MakeExclusive(true);
+            relock(true);
         }
         RecoverInterruptedChange(path);
         if (hot) {
-            packageLock_.MakeExclusive(false);
+            relock(false);
         }
         raw_ = FileFunctions();
     }

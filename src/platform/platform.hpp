@@ -51,7 +51,8 @@ void SetSyncEnabled(bool enabled) noexcept;
 struct FileLock;
 FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noexcept;
 // Changes a held lock between shared and exclusive (not atomically: others may go first).
-void FileLockConvert(FileLock* lock, bool exclusive) noexcept;
+// False when the system refused: the lock is then not held at all. True for a null lock.
+bool FileLockConvert(FileLock* lock, bool exclusive) noexcept;
 void FileLockRelease(FileLock* lock) noexcept;
 
 enum class MoveResult { Moved, TargetExists, Failed };

@@ -34,10 +34,9 @@ FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noe
     return lock;
 }
 
-void FileLockConvert(FileLock* lock, bool exclusive) noexcept {
-    if (lock != nullptr) {
-        Retrying([&] { return ::flock(lock->fd, exclusive ? LOCK_EX : LOCK_SH); });
-    }
+bool FileLockConvert(FileLock* lock, bool exclusive) noexcept {
+    return lock == nullptr ||
+           Retrying([&] { return ::flock(lock->fd, exclusive ? LOCK_EX : LOCK_SH); }) == 0;
 }
 
 void FileLockRelease(FileLock* lock) noexcept {

@@ -50,12 +50,13 @@ FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noe
     return lock;
 }
 
-void FileLockConvert(FileLock* lock, bool exclusive) noexcept {
-    if (lock != nullptr) {
-        // As with flock, the conversion is not atomic: the lock is dropped, then taken again.
-        Unlock(lock->file);
-        Lock(lock->file, exclusive);
+bool FileLockConvert(FileLock* lock, bool exclusive) noexcept {
+    if (lock == nullptr) {
+        return true;
     }
+    // As with flock, the conversion is not atomic: the lock is dropped, then taken again.
+    Unlock(lock->file);
+    return Lock(lock->file, exclusive);
 }
 
 void FileLockRelease(FileLock* lock) noexcept {
