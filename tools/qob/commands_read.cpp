@@ -138,13 +138,18 @@ std::vector<Inspect::EntryReport> List(const std::string& package, bool check) {
     }
 }
 
+// The one positional argument PKG, which must name an existing file.
+const std::string& ExistingPackageArgument(const ParsedArgs& parsed) {
+    RequirePositional(parsed, {"PKG"});
+    RequireFile(parsed.positional[0], false);
+    return parsed.positional[0];
+}
+
 } // namespace
 
 int RunInfo(const Args& args, bool /*quiet*/) {
     const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    RequirePositional(parsed, {"PKG"});
-    const std::string& package = parsed.positional[0];
-    RequireFile(package, false);
+    const std::string& package = ExistingPackageArgument(parsed);
     InfoRecord record;
     ReadInfo(record, package);
     const QOB_PackageInfo& info = *record.info;
@@ -180,9 +185,7 @@ int RunInfo(const Args& args, bool /*quiet*/) {
 
 int RunList(const Args& args, bool /*quiet*/) {
     const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    RequirePositional(parsed, {"PKG"});
-    const std::string& package = parsed.positional[0];
-    RequireFile(package, false);
+    const std::string& package = ExistingPackageArgument(parsed);
     const std::vector<Inspect::EntryReport> entries = List(package, false);
     if (parsed.Has("--json")) {
         std::printf("{\n  \"package\": %s,\n", JsonString(package).c_str());
@@ -240,9 +243,7 @@ int RunLcc(const Args& args, bool /*quiet*/) {
 
 int RunCheck(const Args& args, bool quiet) {
     const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    RequirePositional(parsed, {"PKG"});
-    const std::string& package = parsed.positional[0];
-    RequireFile(package, false);
+    const std::string& package = ExistingPackageArgument(parsed);
     BeginCall();
     const QobErrorCode_e result = QOB_IsQob(package.c_str());
     const std::string message = result == SUCCESS ? "" : LastMessage("QOB_IsQob");
@@ -265,9 +266,7 @@ int RunCheck(const Args& args, bool quiet) {
 
 int RunVerify(const Args& args, bool quiet) {
     const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    RequirePositional(parsed, {"PKG"});
-    const std::string& package = parsed.positional[0];
-    RequireFile(package, false);
+    const std::string& package = ExistingPackageArgument(parsed);
     // The library's own answer first: it also recovers a package from an interrupted change.
     BeginCall();
     const QobErrorCode_e result = QOB_IsQob(package.c_str());
