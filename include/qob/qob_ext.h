@@ -1,0 +1,110 @@
+/*
+ * qob extensions: what a host needs beside the ten package calls of qob.h.
+ *
+ * Every function here is exported with C linkage under the QOBX_ prefix. The calls that take a
+ * package run in the same frame as the ten (the same locks, log lines and result codes) and,
+ * like the ten, fill the calling thread's last-error record (QOBX_LastError). No memory is
+ * owned by the library across calls: every output goes into host memory.
+ */
+#ifndef QOB_QOB_EXT_H
+#define QOB_QOB_EXT_H
+
+#include "qob/qob.h"
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** @name Version
+ *  The version of the headers a host was compiled with; QOBX_Version gives the library's. */
+/** @{ */
+#define QOB_VERSION_MAJOR 1
+#define QOB_VERSION_MINOR 1
+#define QOB_VERSION_PATCH 0
+#define QOB_VERSION_STRING "1.1.0"
+/** @} */
+
+/** Longest entry name, in bytes of UTF-8 with its terminating zero, that a listing returns. */
+#define QOBX_MAX_NAME 1024
+/** Size of the text fields of the last-error record. */
+#define QOBX_MAX_MESSAGE 1024
+
+#pragma pack(push, 4)
+
+/**
+ * Why the calling thread's last exported call failed (code SUCCESS and empty texts after a call
+ * that succeeded). All texts are UTF-8 and zero-terminated, cut to fit.
+ */
+typedef struct QOBX_Error {
+    int32_t code;                        /**< a QobErrorCode_e */
+    int32_t systemError;                 /**< errno (Linux) or GetLastError (Windows); 0: none */
+    char codeName[32];                   /**< the code's name, "SUCCESS" for 0 */
+    char message[QOBX_MAX_MESSAGE];      /**< the failure's message, as the log line gives it */
+    char systemMessage[256];             /**< the system's text for systemError; "" when none */
+    char subject[QOBX_MAX_MESSAGE];      /**< the path or entry name concerned; "" when none */
+} QOBX_Error;
+
+/** One zip entry of a package, as QOBX_ListEntries gives it. */
+typedef struct QOBX_EntryStat {
+    char name[QOBX_MAX_NAME]; /**< decoded to UTF-8; pass it unchanged to QOBX_ReadEntry */
+    uint64_t contentSize;     /**< bytes of content, padding excluded */
+    uint64_t allocatedSize;   /**< content plus reserved zero padding, as stored */
+    uint64_t dataOffset;      /**< where the stored data starts, counted from the file's start */
+    uint32_t crc32;           /**< the CRC-32 the central directory gives for the content */
+    uint32_t method;          /**< 0 stored, 8 deflated */
+    uint32_t dosTime;         /**< stored local DOS date (high 16 bits) and time (low 16 bits) */
+    uint32_t reserved;        /**< zero */
+    int64_t unixTime;         /**< dosTime as UTC seconds, read in the machine's time zone */
+} QOBX_EntryStat;
+
+#pragma pack(pop)
+
+/** The library's version, "MAJOR.MINOR.PATCH"; a static string. */
+QOB_API const char* QOBX_Version(void);
+
+/** Copies the calling thread's last-error record into error (when not null); returns its code. */
+QOB_API QobErrorCode_e QOBX_LastError(QOBX_Error* error);
+
+/** The name of a result code ("CANNOT_READ_FILE_PCK"); "UNKNOWN" for a value outside the list. */
+QOB_API const char* QOBX_CodeName(int32_t code);
+
+/**
+ * Lists every zip entry of a package in central-directory order. With capacity 0 (entries may
+ * be null) it only sets *count; otherwise it fills min(capacity, count) records and sets *count
+ * to the total, so a second call with a large enough array gets them all.
+ */
+QOB_API QobErrorCode_e QOBX_ListEntries(const char* szPackagePath, QOBX_EntryStat* entries,
+                                        uint32_t capacity, uint32_t* count);
+
+/**
+ * Reads up to size bytes of one entry's content, from offset on, into buffer; *read is set to
+ * what was read (0 at or past the end). The entry is named exactly as the listing gives it.
+ * Stateless: a host streams an entry of any size in constant memory with successive calls. The
+ * CRC-32 is checked when a read reaches the content's end. Reading a deflated entry from an
+ * offset costs time in proportion to the offset.
+ */
+QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szEntryName,
+                                      uint64_t offset, void* buffer, uint32_t size,
+                                      uint32_t* read);
+
+/**
+ * The lowest level (0 FATAL ... 5 TRACE) the built-in sink prints; lines above it are dropped.
+ * The default, 5, prints every line. A host's own sink always gets every line.
+ */
+QOB_API void QOBX_SetLogLevel(int32_t level);
+
+/**
+ * Progress of long work (create, extract, remove of a large entry, reads) on the calling thread:
+ * fn is called with the bytes done and the bytes in all, at most a few times a second, from
+ * inside the call. A null fn turns it off. Per thread.
+ */
+typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
+QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* QOB_QOB_EXT_H */
