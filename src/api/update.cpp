@@ -16,6 +16,8 @@
 #include "support/fixed_string.hpp"
 #include "support/utf8_path.hpp"
 
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,47 @@ QOB_EntryInfo* GrowList(std::uint32_t& count, QOB_EntryInfo* entries, std::uint3
     return entries;
 }
 
+// A heap copy of the host's description, lists included, that the call works on: the host's
+// record is only replaced once the change is committed, so a failure leaves it as it was.
+struct WorkingInfoDeleter {
+    void operator()(QOB_PackageInfo* info) const noexcept {
+        FreeEntryList(info->files.pLccs);
+        FreeEntryList(info->files.pIccs);
+        delete info;
+    }
+};
+using WorkingInfo = std::unique_ptr<QOB_PackageInfo, WorkingInfoDeleter>;
+
+QOB_EntryInfo* CopyList(const QOB_EntryInfo* entries, std::uint32_t count) {
+    if (count == 0) {
+        return nullptr; // an empty list is a null one, as the host's record has it
+    }
+    QOB_EntryInfo* copy = AllocateEntryList(count);
+    std::memcpy(copy, entries, static_cast<std::size_t>(count) * sizeof(QOB_EntryInfo));
+    return copy;
+}
+
+WorkingInfo CopyInfo(const QOB_PackageInfo& info) {
+    WorkingInfo copy(new QOB_PackageInfo);
+    std::memcpy(copy.get(), &info, sizeof info);
+    copy->files.pLccs = nullptr;
+    copy->files.pIccs = nullptr;
+    copy->files.pLccs = CopyList(info.files.pLccs, info.files.uLccCount);
+    copy->files.pIccs = CopyList(info.files.pIccs, info.files.uIccCount);
+    return copy;
+}
+
+// Hands the committed description to the host, releasing the lists it replaces.
+void HandBack(WorkingInfo work, QOB_PackageInfo& info) noexcept {
+    QOB_EntryInfo* lccs = info.files.pLccs;
+    QOB_EntryInfo* iccs = info.files.pIccs;
+    std::memcpy(&info, work.get(), sizeof info);
+    work->files.pLccs = nullptr;
+    work->files.pIccs = nullptr;
+    FreeEntryList(lccs);
+    FreeEntryList(iccs);
+}
+
 } // namespace
 
 void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
@@ -95,8 +138,10 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
                         "current info does not describe the package as it is now: read the "
                         "package again with QOB_GetPackageInfo");
     }
-    const std::string base(ImageBaseName(args->info.files.raw));
-    QOB_ImageFiles& current = args->info.files;
+    WorkingInfo work = CopyInfo(args->info);
+    QOB_PackageInfo& info = *work;
+    const std::string base(ImageBaseName(info.files.raw));
+    QOB_ImageFiles& current = info.files;
     const QOB_ImageFiles& incoming = args->files;
 
     // Fixed order: proxy, settings, each new LCC, each new ICC, then the masks, which give
@@ -129,7 +174,7 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
     }
     // Every manifest is generated before the first byte is written, so a manifest that
     // would not fit stops the call with the package untouched.
-    GenerateManifestInMem(&args->info);
+    GenerateManifestInMem(&info);
 
     for (const Step& step : steps) {
         // The new entry is the source, and its reserved space is what the host asks to keep
@@ -137,10 +182,11 @@ void QOB_Update_Unlocked(QOB_UpdateArgs* args) {
         UpdateFileInPackage(archive, *step.incoming, Path(step.entryPath), step.compact);
     }
     for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
-        PutManifestInZip(archive, ManifestText(args->info, row), kManifestNames[row], false);
+        PutManifestInZip(archive, ManifestText(info, row), kManifestNames[row], false);
     }
     archive.Close();
     transaction.Commit();
+    HandBack(std::move(work), args->info);
 }
 
 } // namespace QOB

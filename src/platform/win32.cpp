@@ -1,11 +1,14 @@
 // Win32 implementation of the platform interface.
 #include "platform/platform.hpp"
 
+#include "platform/win32_stream.hpp"
+
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
+#include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <windows.h>
@@ -47,9 +50,14 @@ void ProcessLockRelease() noexcept {
     }
 }
 
-// The file stream record: the file handle, then the last Win32 error (0 when none).
+// The file stream record: the file handle, whether closing the stream closes it (streams
+// shared from another hold it only), the stream's own position, and the last Win32 error (0
+// when none). Reads and writes name their offset, so that streams sharing a handle never move
+// each other.
 struct FileStream {
     HANDLE handle;
+    bool owns;
+    std::uint64_t position;
     std::int32_t error;
 };
 
@@ -81,7 +89,7 @@ FileStream* OpenWith(const char* utf8Name, DWORD access, DWORD share, DWORD disp
     if (handle == INVALID_HANDLE_VALUE) {
         return nullptr;
     }
-    auto* stream = new (std::nothrow) FileStream{handle, 0};
+    auto* stream = new (std::nothrow) FileStream{handle, true, 0, 0};
     if (stream == nullptr) {
         ::CloseHandle(handle);
     }
@@ -95,19 +103,6 @@ void StoreError(FileStream* stream) noexcept {
 
 bool HasHandle(const FileStream* stream) noexcept {
     return stream->handle != nullptr && stream->handle != INVALID_HANDLE_VALUE;
-}
-
-// Moves the file pointer; false on failure. The position is reported in full.
-bool MovePointer(HANDLE handle, LONG low, LONG high, DWORD method, std::uint64_t* position) {
-    ::SetLastError(NO_ERROR);
-    const DWORD result = ::SetFilePointer(handle, low, &high, method);
-    if (result == INVALID_SET_FILE_POINTER && ::GetLastError() != NO_ERROR) {
-        return false;
-    }
-    if (position != nullptr) {
-        *position = (static_cast<std::uint64_t>(static_cast<DWORD>(high)) << 32) | result;
-    }
-    return true;
 }
 
 } // namespace
@@ -135,10 +130,14 @@ std::uint32_t FileRead(FileStream* stream, void* buffer, std::uint32_t size) noe
     if (stream == nullptr || !HasHandle(stream)) {
         return 0;
     }
+    OVERLAPPED at{};
+    at.Offset = static_cast<DWORD>(stream->position);
+    at.OffsetHigh = static_cast<DWORD>(stream->position >> 32);
     DWORD done = 0;
-    if (!::ReadFile(stream->handle, buffer, size, &done, nullptr)) {
+    if (!::ReadFile(stream->handle, buffer, size, &done, &at)) {
         StoreError(stream);
     }
+    stream->position += done;
     return done;
 }
 
@@ -146,10 +145,14 @@ std::uint32_t FileWrite(FileStream* stream, const void* buffer, std::uint32_t si
     if (stream == nullptr || !HasHandle(stream)) {
         return 0;
     }
+    OVERLAPPED at{};
+    at.Offset = static_cast<DWORD>(stream->position);
+    at.OffsetHigh = static_cast<DWORD>(stream->position >> 32);
     DWORD done = 0;
-    if (!::WriteFile(stream->handle, buffer, size, &done, nullptr)) {
+    if (!::WriteFile(stream->handle, buffer, size, &done, &at)) {
         StoreError(stream);
     }
+    stream->position += done;
     return done;
 }
 
@@ -157,18 +160,13 @@ long FileTell(FileStream* stream) noexcept {
     if (stream == nullptr) {
         return -1;
     }
-    std::uint64_t position = 0;
-    if (!MovePointer(stream->handle, 0, 0, FILE_CURRENT, &position)) {
-        StoreError(stream);
-        return -1;
-    }
-    if (position >= 0xFFFFFFFFu) {
+    if (stream->position >= 0xFFFFFFFFu) {
         stream->error = ERROR_ARITHMETIC_OVERFLOW; // past what 32-bit positions can name
         return -1;
     }
     // Positions from 2 GiB up arrive negative in a 32-bit long; the zip layer reads the
     // value back as unsigned.
-    return static_cast<long>(static_cast<std::uint32_t>(position));
+    return static_cast<long>(static_cast<std::uint32_t>(stream->position));
 }
 
 // The offset is a 32-bit value: unsigned from the start, signed from the current position
@@ -177,28 +175,28 @@ long FileSeek(FileStream* stream, std::uint32_t offset, int origin) noexcept {
     if (stream == nullptr) {
         return -1;
     }
-    DWORD method;
-    LONG high = 0;
-    switch (origin) {
-    case 0:
-        method = FILE_BEGIN;
-        break;
-    case 1:
-        method = FILE_CURRENT;
-        break;
-    case 2:
-        method = FILE_END;
-        break;
-    default:
+    std::int64_t base = 0;
+    std::int64_t distance = static_cast<std::int32_t>(offset);
+    if (origin == 0) {
+        distance = offset;
+    } else if (origin == 1) {
+        base = static_cast<std::int64_t>(stream->position);
+    } else if (origin == 2) {
+        LARGE_INTEGER size{};
+        if (!::GetFileSizeEx(stream->handle, &size)) {
+            StoreError(stream);
+            return -1;
+        }
+        base = size.QuadPart;
+    } else {
         return -1;
     }
-    if (origin != 0 && (offset & 0x80000000u) != 0) {
-        high = -1;
-    }
-    if (!MovePointer(stream->handle, static_cast<LONG>(offset), high, method, nullptr)) {
-        StoreError(stream);
+    const std::int64_t target = base + distance;
+    if (target < 0 || target > 0xFFFFFFFF) {
+        stream->error = ERROR_NEGATIVE_SEEK;
         return -1;
     }
+    stream->position = static_cast<std::uint64_t>(target);
     return 0;
 }
 
@@ -207,7 +205,7 @@ int FileClose(FileStream* stream) noexcept {
         return -1;
     }
     const int result = HasHandle(stream) ? 0 : -1;
-    if (result == 0) {
+    if (result == 0 && stream->owns) {
         ::CloseHandle(stream->handle);
     }
     delete stream;
@@ -225,25 +223,49 @@ int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept {
     if (!HasHandle(stream)) {
         return -2;
     }
-    std::uint64_t position = 0;
-    if (!MovePointer(stream->handle, 0, 0, FILE_CURRENT, &position)) {
+    FILE_END_OF_FILE_INFO end{};
+    end.EndOfFile.QuadPart = newSize;
+    if (!::SetFileInformationByHandle(stream->handle, FileEndOfFileInfo, &end, sizeof end)) {
         StoreError(stream);
-        return -3;
-    }
-    if (!MovePointer(stream->handle, static_cast<LONG>(newSize), 0, FILE_BEGIN, nullptr)) {
-        StoreError(stream);
-        return -4;
-    }
-    const bool cut = ::SetEndOfFile(stream->handle) != 0;
-    if (!cut) {
-        StoreError(stream);
-    }
-    const bool restored = MovePointer(stream->handle, static_cast<LONG>(position & 0xFFFFFFFFu),
-                                      static_cast<LONG>(position >> 32), FILE_BEGIN, nullptr);
-    if (!cut) {
         return -5;
     }
-    return restored ? 0 : -6;
+    return 0;
+}
+
+FileStream* FileShare(FileStream* stream) noexcept {
+    if (stream == nullptr || !HasHandle(stream)) {
+        return nullptr;
+    }
+    return new (std::nothrow) FileStream{stream->handle, false, 0, 0};
+}
+
+HANDLE StreamHandle(FileStream* stream) noexcept {
+    return stream != nullptr ? stream->handle : INVALID_HANDLE_VALUE;
+}
+
+FileStream* StreamFromHandle(HANDLE handle) noexcept {
+    auto* stream = new (std::nothrow) FileStream{handle, true, 0, 0};
+    if (stream == nullptr) {
+        ::CloseHandle(handle);
+    }
+    return stream;
+}
+
+std::string SystemErrorText(int error) {
+    char* text = nullptr;
+    const DWORD length = ::FormatMessageA(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+        nullptr, static_cast<DWORD>(error), 0, reinterpret_cast<char*>(&text), 0, nullptr);
+    std::string result = length > 0 && text != nullptr ? std::string(text, length)
+                                                       : "system error " + std::to_string(error);
+    if (text != nullptr) {
+        ::LocalFree(text);
+    }
+    while (!result.empty() &&
+           (result.back() == '\n' || result.back() == '\r' || result.back() == '.')) {
+        result.pop_back();
+    }
+    return result;
 }
 
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept {

@@ -1,5 +1,4 @@
-// Win32 durability: FlushFileBuffers, and a move that never replaces. Directory entries
-// need no flush of their own on Windows.
+// Win32 durability: FlushFileBuffers. Directory entries need no flush of their own on Windows.
 #include "platform/platform.hpp"
 
 #include <windows.h>
@@ -12,6 +11,10 @@ bool g_syncEnabled = true;
 
 void SetSyncEnabled(bool enabled) noexcept {
     g_syncEnabled = enabled;
+}
+
+bool SyncEnabled() noexcept {
+    return g_syncEnabled;
 }
 
 bool SyncFile(const std::filesystem::path& path) noexcept {
@@ -31,16 +34,6 @@ bool SyncFile(const std::filesystem::path& path) noexcept {
 
 bool SyncDirectory(const std::filesystem::path&) noexcept {
     return true;
-}
-
-MoveResult MoveNoReplace(const std::filesystem::path& from,
-                         const std::filesystem::path& to) noexcept {
-    if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0) {
-        return MoveResult::Moved;
-    }
-    const DWORD error = ::GetLastError();
-    return error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS ? MoveResult::TargetExists
-                                                                       : MoveResult::Failed;
 }
 
 } // namespace QOB::Platform

@@ -2,6 +2,7 @@
 // package ever has data, so that it never blocks a read or write of the package itself.
 // Windows releases it when the handle is closed or the holder dies.
 #include "platform/platform.hpp"
+#include "platform/win32_stream.hpp"
 
 #include <new>
 #include <windows.h>
@@ -28,7 +29,22 @@ void Unlock(HANDLE file) noexcept {
 
 struct FileLock {
     HANDLE file;
+    bool owns; // a handle of its own, closed with the lock
 };
+
+FileLock* FileLockOn(FileStream* stream, bool exclusive) noexcept {
+    // The stream's own handle: each open of a package is a handle of its own, so the locks of
+    // two opens exclude each other even within one process.
+    const HANDLE file = StreamHandle(stream);
+    if (!Lock(file, exclusive)) {
+        return nullptr;
+    }
+    FileLock* lock = new (std::nothrow) FileLock{file, false};
+    if (lock == nullptr) {
+        Unlock(file);
+    }
+    return lock;
+}
 
 FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noexcept {
     // Every sharing mode is granted, so the lock's handle never stands in the way of another
@@ -43,7 +59,7 @@ FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noe
         ::CloseHandle(file);
         return nullptr;
     }
-    FileLock* lock = new (std::nothrow) FileLock{file};
+    FileLock* lock = new (std::nothrow) FileLock{file, true};
     if (lock == nullptr) {
         ::CloseHandle(file);
     }
@@ -61,7 +77,10 @@ bool FileLockConvert(FileLock* lock, bool exclusive) noexcept {
 
 void FileLockRelease(FileLock* lock) noexcept {
     if (lock != nullptr) {
-        ::CloseHandle(lock->file); // closing drops the lock
+        Unlock(lock->file);
+        if (lock->owns) {
+            ::CloseHandle(lock->file);
+        }
         delete lock;
     }
 }

@@ -272,6 +272,44 @@ TEST(AtomicCalls, EveryFailedWriteSeekOrTruncateLeavesThePackageAsItWas) {
     }
 }
 
+// All or nothing includes the host's record: a failed update hands back its description
+// (lists included) byte for byte, so the host can retry with the same record.
+TEST(AtomicCalls, FailedUpdateLeavesTheHostsRecordAsItWas) {
+    TempDir dir;
+    const fs::path package = dir / "p.qob";
+    ASSERT_EQ(Create(package), SUCCESS);
+    auto args = NewArgs<QOB_UpdateArgs>(package);
+    std::strcpy(args->info.szPackagePath, package.string().c_str());
+    ASSERT_EQ(QOB_GetPackageInfo(&args->info), SUCCESS);
+    const std::string lcc = RandomBytes(800, 12);
+    QOB_EntryInfo added = MemoryEntry("lens2.lcc", lcc, 0, "LensB");
+    args->files.uLccCount = 1;
+    args->files.pLccs = &added;
+    args->files.settings = MemoryEntry("IMG_1.xmp", Data().settingsBig, 1000);
+    const auto snapshot = [&] {
+        const QOB_ImageFiles& files = args->info.files;
+        std::string bytes(reinterpret_cast<const char*>(args.get()), sizeof *args);
+        bytes.append(reinterpret_cast<const char*>(files.pLccs),
+                     files.uLccCount * sizeof(QOB_EntryInfo));
+        bytes.append(reinterpret_cast<const char*>(files.pIccs),
+                     files.uIccCount * sizeof(QOB_EntryInfo));
+        return bytes;
+    };
+    const std::string before = snapshot();
+    for (const long n : {1L, 4L, 12L, 40L}) {
+        {
+            FaultScope fail(Faults::Mode::FailFrom, n);
+            EXPECT_NE(QOB_Update(args.get()), SUCCESS) << "failing from call " << n;
+        }
+        EXPECT_TRUE(snapshot() == before) << "failing from call " << n;
+    }
+    EXPECT_EQ(QOB_Update(args.get()), SUCCESS); // the same record, retried
+    EXPECT_EQ(args->info.files.uLccCount, 2u);
+    args->files.pLccs = nullptr;
+    args->files.uLccCount = 0;
+    QOB_Destructor(&args->info, QOB_OBJECT_PACKAGE_INFO);
+}
+
 TEST(AtomicCalls, FailingCallsChangeNothing) {
     TempDir dir;
     const fs::path package = dir / "p.qob";
