@@ -35,8 +35,29 @@ extern "C" {
 #define QOB_ENUM_BASE
 #endif
 
-/* Result of every export but QOB_SetLogFn: 0 on success, negative on failure. */
+/* Result of every export but QOB_SetLogFn: 0 on success, negative on failure. Each code has
+ * a QOB_-prefixed name; a host whose own names clash with the short ones defines
+ * QOB_NO_SHORT_NAMES before including this header and uses the prefixed names alone. */
 typedef enum QobErrorCode_e QOB_ENUM_BASE {
+    QOB_SUCCESS = 0,
+    QOB_FILE_NOT_FOUND = -1,
+    QOB_FILE_NOT_IN_PACKAGE = -2,
+    QOB_DIRECTORY_DOESNOT_EXIST = -3,
+    QOB_CREATE_DIRECTORY = -4,
+    QOB_EXTRACT_FILE = -5,
+    QOB_INVALID_POINTER = -6,
+    QOB_INVALID_PARAMETER = -7,
+    QOB_PACKAGE_NOT_FOUND = -8,
+    QOB_CANNOT_OPEN_FILE_PCK = -9,
+    QOB_CANNOT_READ_FILE_PCK = -10,
+    QOB_FILE_COUNT_EXCEEDS_MAX = -11,
+    QOB_PACKAGEVERSION_NOT_SUPPORTED = -12,
+    QOB_CANNOT_DELETE_INTERNAL_FILE = -13,
+    QOB_CANNOT_REMOVE_FILE = -14,
+    QOB_INTERNAL_INCONSISTENCY = -15,
+    QOB_FUNC_NOT_IMPL = -100
+#ifndef QOB_NO_SHORT_NAMES
+    ,
     SUCCESS = 0,
     FILE_NOT_FOUND = -1,
     FILE_NOT_IN_PACKAGE = -2,
@@ -54,6 +75,7 @@ typedef enum QobErrorCode_e QOB_ENUM_BASE {
     CANNOT_REMOVE_FILE = -14,
     INTERNAL_INCONSISTENCY = -15,
     FUNC_NOT_IMPL = -100
+#endif
 } QobErrorCode_e;
 
 /* Selects the record that QOB_Constructor and QOB_Destructor handle. */
