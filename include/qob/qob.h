@@ -48,44 +48,71 @@ extern "C" {
  * Result of every call but QOB_SetLogFn: 0 on success, negative on failure, so a host tests
  * `result < 0`. The values -16 to -99 are unused. The message and the system's reason of a
  * failure are in the calling thread's last-error record (QOBX_LastError in qob_ext.h).
+ *
+ * Each code has a QOB_-prefixed name and a short one (QOB_SUCCESS and SUCCESS); a host whose
+ * own names clash with the short ones defines QOB_NO_SHORT_NAMES before including this header
+ * and uses the prefixed names alone.
  */
 typedef enum QobErrorCode_e QOB_ENUM_BASE {
     /** the call did what it was asked */
-    SUCCESS = 0,
+    QOB_SUCCESS = 0,
     /** a file on disk to be packed does not exist */
-    FILE_NOT_FOUND = -1,
+    QOB_FILE_NOT_FOUND = -1,
     /** an entry, manifest or LCC identifier is not in the package */
-    FILE_NOT_IN_PACKAGE = -2,
+    QOB_FILE_NOT_IN_PACKAGE = -2,
     /** a directory that must exist does not */
-    DIRECTORY_DOESNOT_EXIST = -3,
+    QOB_DIRECTORY_DOESNOT_EXIST = -3,
     /** a directory could not be created */
-    CREATE_DIRECTORY = -4,
+    QOB_CREATE_DIRECTORY = -4,
     /** an entry could not be written out */
-    EXTRACT_FILE = -5,
+    QOB_EXTRACT_FILE = -5,
     /** a required pointer argument is null */
-    INVALID_POINTER = -6,
-    /** an unterminated or too long string, an enumeration out of range, or a request the package
-       cannot hold */
-    INVALID_PARAMETER = -7,
+    QOB_INVALID_POINTER = -6,
+    /** an unterminated or too long string, an enumeration out of range, or a
+       request the package cannot hold */
+    QOB_INVALID_PARAMETER = -7,
     /** the package file does not exist */
-    PACKAGE_NOT_FOUND = -8,
+    QOB_PACKAGE_NOT_FOUND = -8,
     /** the package cannot be opened as a zip */
-    CANNOT_OPEN_FILE_PCK = -9,
+    QOB_CANNOT_OPEN_FILE_PCK = -9,
     /** the package or its manifest cannot be read or parsed */
-    CANNOT_READ_FILE_PCK = -10,
+    QOB_CANNOT_READ_FILE_PCK = -10,
     /** the manifest lists more than 10 files */
-    FILE_COUNT_EXCEEDS_MAX = -11,
+    QOB_FILE_COUNT_EXCEEDS_MAX = -11,
     /** the manifest's version is not 0 or 1 */
-    PACKAGEVERSION_NOT_SUPPORTED = -12,
+    QOB_PACKAGEVERSION_NOT_SUPPORTED = -12,
     /** an entry could not be deleted */
-    CANNOT_DELETE_INTERNAL_FILE = -13,
-    /** a file could not be removed or replaced (an existing package at a create's path) */
-    CANNOT_REMOVE_FILE = -14,
-    /** any other failure; where the call's documented message is fixed (a full disk, a buffer too
-       small) the last-error record carries the system's cause */
-    INTERNAL_INCONSISTENCY = -15,
+    QOB_CANNOT_DELETE_INTERNAL_FILE = -13,
+    /** a file could not be removed or replaced (an existing package at a
+       create's path) */
+    QOB_CANNOT_REMOVE_FILE = -14,
+    /** any other failure; where the call's documented message is fixed (a
+       full disk, a buffer too small) the last-error record carries the system's cause */
+    QOB_INTERNAL_INCONSISTENCY = -15,
     /** the function is not implemented */
+    QOB_FUNC_NOT_IMPL = -100
+/** @cond QOB_SHORT_NAMES */
+#ifndef QOB_NO_SHORT_NAMES
+    ,
+    SUCCESS = 0,
+    FILE_NOT_FOUND = -1,
+    FILE_NOT_IN_PACKAGE = -2,
+    DIRECTORY_DOESNOT_EXIST = -3,
+    CREATE_DIRECTORY = -4,
+    EXTRACT_FILE = -5,
+    INVALID_POINTER = -6,
+    INVALID_PARAMETER = -7,
+    PACKAGE_NOT_FOUND = -8,
+    CANNOT_OPEN_FILE_PCK = -9,
+    CANNOT_READ_FILE_PCK = -10,
+    FILE_COUNT_EXCEEDS_MAX = -11,
+    PACKAGEVERSION_NOT_SUPPORTED = -12,
+    CANNOT_DELETE_INTERNAL_FILE = -13,
+    CANNOT_REMOVE_FILE = -14,
+    INTERNAL_INCONSISTENCY = -15,
     FUNC_NOT_IMPL = -100
+#endif
+    /** @endcond */
 } QobErrorCode_e;
 
 /** Selects the record that QOB_Constructor and QOB_Destructor handle. */

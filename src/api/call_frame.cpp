@@ -1,6 +1,12 @@
 #include "api/call_frame.hpp"
 
+#include "platform/platform.hpp"
+#include "support/utf8_path.hpp"
+
 #include <chrono>
+#include <filesystem>
+#include <new>
+#include <system_error>
 
 namespace QOB {
 
@@ -20,6 +26,68 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
     } else {
         LogTrace(line);
     }
+}
+
+namespace {
+
+// The log line's text, which is also the record's message.
+void Report(LogLevel level, const char* name, const std::string& text) noexcept {
+    try {
+        Log(level, Format("%s: %s", name, text.c_str()));
+    } catch (...) {
+    }
+}
+
+std::string SystemText(int error) noexcept {
+    try {
+        return Platform::SystemErrorText(error);
+    } catch (...) {
+        return {};
+    }
+}
+
+} // namespace
+
+QobErrorCode_e ReportFailure(const char* name) noexcept {
+    // Running out of memory while reporting must still return the code: the outer try
+    // keeps what was learnt before.
+    QobErrorCode_e code = INTERNAL_INCONSISTENCY;
+    try {
+        try {
+            throw;
+        } catch (const Exception& e) {
+            code = e.code();
+            Report(LogLevel::Error, name, e.what());
+            SetLastError(e.code(), e.text(), e.systemError(), SystemText(e.systemError()),
+                         e.subject());
+            return code;
+        } catch (const std::bad_alloc& e) {
+            const std::string text = std::string("failed to allocate memory: ") + e.what();
+            Report(LogLevel::Fatal, name, text);
+            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+        } catch (const std::filesystem::filesystem_error& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            SetLastError(INTERNAL_INCONSISTENCY, text, e.code().value(), e.code().message(),
+                         PathToUtf8(e.path1()));
+        } catch (const std::system_error& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            SetLastError(INTERNAL_INCONSISTENCY, text, e.code().value(), e.code().message(), {});
+        } catch (const std::exception& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+        } catch (...) {
+            const std::string text = "caught unknown exception";
+            Report(LogLevel::Error, name, text);
+            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+        }
+    } catch (...) {
+        SetLastError(code, {}, 0, {}, {});
+        return code;
+    }
+    return INTERNAL_INCONSISTENCY;
 }
 
 } // namespace QOB

@@ -2,6 +2,7 @@
 // lines, and the mapping of every exception to a result code.
 #pragma once
 
+#include "api/last_error.hpp"
 #include "api/process_lock.hpp"
 #include "archive/defer.hpp"
 #include "platform/platform.hpp"
@@ -10,8 +11,6 @@
 #include "support/log.hpp"
 
 #include <cstdint>
-#include <new>
-#include <stdexcept>
 #include <string>
 
 namespace QOB {
@@ -26,6 +25,10 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
 
 inline constexpr float kSlowCallSeconds = 0.5f;
 
+// Logs the exception being handled, as the call's failure, fills the thread's last-error
+// record from it and returns its code. Only from inside a catch block.
+QobErrorCode_e ReportFailure(const char* name) noexcept;
+
 template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) noexcept {
     try {
         const std::int64_t start = NowTicks();
@@ -38,31 +41,10 @@ template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) 
         LogTiming(start, kSlowCallSeconds, "locked   for", name);
         LogDebug(Format("call: %s", name));
         body();
+        ClearLastError();
         return SUCCESS;
-    } catch (const Exception& e) {
-        try {
-            LogError(Format("%s: %s", name, e.what()));
-        } catch (...) {
-        }
-        return e.code();
-    } catch (const std::bad_alloc& e) {
-        try {
-            LogFatal(Format("%s: failed to allocate memory: %s", name, e.what()));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
-    } catch (const std::exception& e) {
-        try {
-            LogError(Format("%s: caught std: %s", name, e.what()));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
     } catch (...) {
-        try {
-            LogError(Format("%s: caught unknown exception", name));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
+        return ReportFailure(name);
     }
 }
 

@@ -14,10 +14,13 @@
 #include "package/package_content.hpp"
 #include "support/exception.hpp"
 #include "support/fixed_string.hpp"
+#include "support/progress.hpp"
 #include "support/utf8_path.hpp"
 
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace QOB {
@@ -70,6 +73,22 @@ bool Plan(std::vector<PlannedFile>& plan, const QOB_EntryInfo& source, QOB_Entry
     return true;
 }
 
+// The bytes of content the create copies, for progress: what the host's files hold now.
+std::uint64_t ContentBytes(const std::vector<PlannedFile>& plan) {
+    std::uint64_t total = 0;
+    for (const PlannedFile& file : plan) {
+        if (file.source->ePackingType == QOB_PACK_FROM_MEMORY) {
+            total += file.source->uBufferLength;
+            continue;
+        }
+        std::error_code unknown;
+        const std::uintmax_t size =
+            std::filesystem::file_size(PathFromUtf8(file.source->szPath), unknown);
+        total += unknown ? 0 : size;
+    }
+    return total;
+}
+
 } // namespace
 
 void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
@@ -101,6 +120,7 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
 
     GenerateManifestInMem(info.get());
 
+    ProgressScope progress(ProgressWanted() ? ContentBytes(plan) : 0);
     Transaction transaction(PathFromUtf8(args->szPackagePath), Transaction::Kind::Create);
     Archive archive(PathFromUtf8(args->szPackagePath), false);
     for (const PlannedFile& file : plan) {
@@ -111,6 +131,7 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     }
     archive.Close();
     transaction.Commit();
+    progress.Finish();
 }
 
 } // namespace QOB

@@ -3,6 +3,7 @@
 #include "archive/defer.hpp"
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip.hpp"
+#include "archive/minizip/unzip_state.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_handle.hpp"
 #include "archive/zip_results.hpp"
@@ -10,6 +11,7 @@
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
+#include "support/progress.hpp"
 #include "support/utf8_path.hpp"
 
 #include <algorithm>
@@ -101,6 +103,53 @@ std::vector<std::filesystem::path> Components(const std::filesystem::path& relat
         }
     }
     return parts;
+}
+
+// Where the stored data of the entry open for reading starts. The local header's name and
+// extra field may differ in length from the central ones, so the central record alone cannot
+// tell; the zip layer checked that header and its bounds when it opened the entry.
+std::uint64_t OpenEntryDataStart(void* unzip) {
+    const UnzReader& reader = *AsReader(unzip);
+    const std::uint64_t header =
+        std::uint64_t{reader.current.localHeaderOffset} + reader.end.bytesBefore;
+    std::uint8_t lengths[4];
+    if (!AsReader(unzip)->file.ReadAt(header + 26, lengths, sizeof lengths)) {
+        CheckUnzipResult(UNZ_ERRNO);
+    }
+    return header + 30 + Bytes::Get16(lengths) + Bytes::Get16(lengths + 2);
+}
+
+// About how many bytes a removal moves: the entries stored behind the one named exactly so.
+// Walks the directory without the listing's log lines; progress needs no more precision.
+std::uint64_t BytesBehind(void* unzip, const std::string& name) {
+    struct Stored {
+        std::uint64_t start;
+        std::uint64_t size;
+    };
+    std::vector<Stored> stored;
+    std::optional<std::uint64_t> removed;
+    std::string current;
+    for (int result = unzGoToFirstFile(unzip); result == UNZ_OK; result = unzGoToNextFile(unzip)) {
+        unz_file_info info{};
+        std::uint32_t offset = 0;
+        if (unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK ||
+            unzGetCurrentFileLocalHeaderOffset(unzip, &offset) != UNZ_OK) {
+            return 0;
+        }
+        current.assign(info.size_filename, '\0');
+        unzGetCurrentFileInfo(unzip, &info, current.data(), info.size_filename, nullptr, 0, nullptr,
+                              0);
+        if (!removed && current == name) {
+            removed = offset;
+        }
+        stored.push_back({offset, std::uint64_t{30} + info.size_filename + info.size_file_extra +
+                                      info.compressed_size});
+    }
+    std::uint64_t total = 0;
+    for (const Stored& entry : stored) {
+        total += removed && entry.start > *removed ? entry.size : 0;
+    }
+    return total;
 }
 
 struct OutputCloser {
@@ -278,8 +327,39 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
         if (!Platform::OutputWrite(out.get(), bytes, length)) {
             throw Exception(INTERNAL_INCONSISTENCY, "write error");
         }
+        ProgressAdvance(length);
     });
     ReadEnd(unzip, entry);
+}
+
+std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::byte* buffer,
+                               std::size_t size) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::ReadRange path=\"%s\" offset=%llu size=%zu", Name(),
+               entry.path.c_str(), static_cast<unsigned long long>(offset), size));
+    if (offset >= entry.content_size) {
+        return 0;
+    }
+    const auto length =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size, entry.content_size - offset));
+    void* unzip = handle_->Unzip();
+    ReadBegin(unzip, entry);
+    CheckEntryFitsFile(unzip, entry.content_size);
+    const Deferred close(DeferCondition::Always, [unzip] { unzCloseCurrentFile(unzip); });
+    const bool reachesEnd = offset + length == entry.content_size;
+    if (!reachesEnd && entry.method == 0) {
+        if (!AsReader(unzip)->file.ReadAt(OpenEntryDataStart(unzip) + offset, buffer,
+                                          static_cast<std::uint32_t>(length))) {
+            CheckUnzipResult(UNZ_ERRNO);
+        }
+        return length;
+    }
+    ReadInRounds(unzip, offset, [](const std::byte*, std::size_t) {});
+    TryRead(unzip, buffer, length);
+    if (reachesEnd) {
+        ReadEnd(unzip, entry);
+    }
+    return length;
 }
 
 void Archive::Check(const Path& path) {
@@ -331,6 +411,7 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
                 throw Exception(INTERNAL_INCONSISTENCY, "didn't read enough");
             }
             CheckZipResult(zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round)));
+            ProgressAdvance(round);
             remaining -= round;
         }
         in.get();
@@ -354,6 +435,7 @@ void Archive::Insert(const Path& path, const std::byte* content, std::size_t len
     const std::tm time = Platform::LocalTime(Platform::CurrentTime());
     WriteBegin(zip, path, time, length, padding);
     CheckZipResult(zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)));
+    ProgressAdvance(length);
     WriteEnd(zip, padding);
     Flush();
 }
@@ -420,11 +502,13 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
 void Archive::Remove(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
+    ProgressScope progress(ProgressWanted() ? BytesBehind(handle_->Unzip(), path.Sanitized()) : 0);
     // Entries behind the removed one move.
     checked_.clear();
     checkedBytes_ = 0;
     CheckZipResult(zipRemoveFileInZip(handle_->Zip(), path.CStr()));
     Flush();
+    progress.Finish();
 }
 
 } // namespace QOB

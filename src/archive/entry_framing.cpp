@@ -199,6 +199,8 @@ Entry GetCurrent(void* unzip) {
     entry.allocated_size = info.uncompressed_size;
     entry.time = FromDosDateTime(info.dosDate);
     entry.dos_time = info.dosDate;
+    entry.crc = info.crc;
+    entry.method = info.compression_method;
 
     // Both lengths come from 2-byte fields, so neither buffer exceeds 64 KiB.
     entry.path.assign(info.size_filename, '\0');

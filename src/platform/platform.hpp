@@ -91,4 +91,10 @@ bool OutputClose(OutputFile* file) noexcept;
 // ignored on Windows). UTF-8 in and out.
 std::string OutputNameKey(const std::string& utf8);
 
+// The system's error number of the last failed call on this thread: errno on POSIX systems,
+// GetLastError on Windows. Read it right after the failure, before anything else runs.
+int LastSystemError() noexcept;
+// The system's text for such a number, in UTF-8, without a trailing line break; empty for 0.
+std::string SystemErrorText(int error);
+
 } // namespace QOB::Platform

@@ -41,4 +41,8 @@ constexpr DosFields UnpackDosTime(std::uint32_t dos) noexcept {
     return fields;
 }
 
+// Seconds since 1970 (UTC) of a DOS word, read as local time in the machine's time zone; 0
+// for a word that names no valid date.
+std::int64_t DosTimeToUnix(std::uint32_t dos) noexcept;
+
 } // namespace QOB

@@ -4,7 +4,7 @@
 
 namespace QOB {
 
-const char* ErrorName(int code) noexcept {
+const char* KnownErrorName(int code) noexcept {
     switch (code) {
     case SUCCESS:
         return "SUCCESS";
@@ -41,12 +41,23 @@ const char* ErrorName(int code) noexcept {
     case FUNC_NOT_IMPL:
         return "FUNC_NOT_IMPL";
     default:
-        return "invalid error code";
+        return nullptr;
     }
 }
 
+const char* ErrorName(int code) noexcept {
+    const char* name = KnownErrorName(code);
+    return name != nullptr ? name : "invalid error code";
+}
+
 Exception::Exception(QobErrorCode_e code, const std::string& text)
-    : code_(code), message_(std::string("[") + ErrorName(code) + "] " + text) {
+    : Exception(code, text, 0, std::string()) {}
+
+Exception::Exception(QobErrorCode_e code, const std::string& text, int systemError,
+                     const std::string& subject)
+    : code_(code), message_(std::string("[") + ErrorName(code) + "] "), textStart_(message_.size()),
+      systemError_(systemError), subject_(subject) {
+    message_ += text;
     LogError("Exception: " + text);
 }
 

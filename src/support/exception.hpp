@@ -10,18 +10,32 @@ namespace QOB {
 
 // Name string of a result code; "invalid error code" for any value outside the table.
 const char* ErrorName(int code) noexcept;
+// The same, null for a value outside the table.
+const char* KnownErrorName(int code) noexcept;
 
+// A failure: its result code, its message, the system's error number behind it (0 when the
+// system gave none) and the path or entry it concerns (empty when none). The message never
+// includes the system's reason: hosts read that from the last-error record.
 class Exception : public std::exception {
 public:
     // Logs "Exception: <text>" at ERROR; what() is "[<code name>] <text>".
     Exception(QobErrorCode_e code, const std::string& text);
+    Exception(QobErrorCode_e code, const std::string& text, int systemError,
+              const std::string& subject);
 
     QobErrorCode_e code() const noexcept { return code_; }
     const char* what() const noexcept override { return message_.c_str(); }
+    // The message without the code's name.
+    const char* text() const noexcept { return message_.c_str() + textStart_; }
+    int systemError() const noexcept { return systemError_; }
+    const std::string& subject() const noexcept { return subject_; }
 
 private:
     QobErrorCode_e code_;
     std::string message_;
+    std::size_t textStart_;
+    int systemError_ = 0;
+    std::string subject_;
 };
 
 } // namespace QOB
