@@ -169,17 +169,16 @@ int RunRemove(const Options& options) {
     // whose manifests are written again over the removal, is found before the package is
     // touched.
     RequirePackage(package, "nothing removed");
+    if (!options.force && IsManifestName(entry)) {
+        throw ToolError(package + ": refusing to remove the manifest " + entry +
+                        ": the manifests are written again by every change, and without "
+                        "manifest.xml the file is no image package (--force removes it)");
+    }
     if (!HasEntry(package, entry)) {
         throw ToolError(package + ": no entry " + entry + " (names are compared exactly)",
                         kExitNotFound);
     }
     if (!options.force) {
-        if (IsManifestName(entry)) {
-            throw ToolError(package + ": refusing to remove the manifest " + entry +
-                            ": the package's manifests are written again by every change, "
-                            "and without manifest.xml it is no image package (--force "
-                            "removes it)");
-        }
         const PackageRecord record(package);
         if (SameIgnoringCase(entry, record.info->files.raw.szPath)) {
             throw ToolError(package + ": refusing to remove the raw image " + entry +

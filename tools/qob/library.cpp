@@ -78,12 +78,23 @@ void Check(QobErrorCode_e result, const std::string& package) {
         return;
     }
     const QOBX_Error error = LastError();
-    if (IsDiskFull(error.systemError)) {
-        // The system's words say it all; the library's code for it is a generic one.
-        const char* subject = error.subject[0] != '\0' ? error.subject : package.c_str();
-        throw ToolError(std::string(subject) + ": " + error.systemMessage, kExitDiskFull);
+    // "<package>: [<file or entry concerned>: ]<what happened>": the system's words first where
+    // it refused, as they say the most.
+    std::string text = package + ": ";
+    if (error.subject[0] != '\0' && package != error.subject) {
+        text += std::string(error.subject) + ": ";
     }
-    throw ToolError(package + ": " + Describe(error), StatusFor(error, package));
+    if (IsDiskFull(error.systemError)) {
+        // The library's code for it is a generic one, kept for the hosts of the ten calls.
+        throw ToolError(text + error.systemMessage, kExitDiskFull);
+    }
+    if (error.systemError != 0 && error.systemMessage[0] != '\0') {
+        text +=
+            std::string(error.systemMessage) + " (" + error.codeName + ": " + error.message + ")";
+    } else {
+        text += std::string(error.codeName) + ": " + error.message;
+    }
+    throw ToolError(text, StatusFor(error, package));
 }
 
 void RequireFile(const std::string& file, bool write) {

@@ -65,7 +65,8 @@ std::string Describe(const QOBX_Error& error);
 // failure. May call QOB_IsQob, so read the record first.
 int StatusFor(const QOBX_Error& error, const std::string& package);
 
-// Throws ToolError "<package>: <what happened>" with StatusFor's status unless SUCCESS.
+// Throws ToolError "<package>: <what happened>" with StatusFor's status unless SUCCESS (a
+// full disk: the system's words, and kExitDiskFull).
 void Check(QobErrorCode_e result, const std::string& package);
 
 // The system's reason why file cannot be opened for reading (or, with write, for changing);

@@ -32,27 +32,15 @@ struct Command {
 
 const Command kCommands[] = {
     {"create", &RunCreate, "Create a new package from a raw image and its companion files"},
-    {"update", &RunUpdate,
-     "Put new or changed companion files into a package (new profiles are added); files that "
-     "fit their entry's space are rewritten in place"},
-    {"info", &RunInfo,
-     "The files the manifest names: paths, identifiers, sizes, offsets and times"},
-    {"ls", &RunList,
-     "Every zip entry, manifests included, with its content size, allocated size, offset and "
-     "time; the name is the last column and may contain spaces"},
+    {"update", &RunUpdate, "Put new or changed companion files into a package"},
+    {"info", &RunInfo, "The files the manifest names: paths, sizes, offsets, times"},
+    {"ls", &RunList, "Every zip entry with its sizes, offset and time (the name comes last)"},
     {"lcc", &RunLcc, "The lens cast calibration profile with identifier ID"},
-    {"check", &RunCheck,
-     "Whether PKG is an image package (exit status 0 if so, 3 if not); a negative answer goes "
-     "to standard error"},
-    {"verify", &RunVerify,
-     "Read every entry back (CRC-32, zero padding) and compare manifest and zip: every file "
-     "the manifest names is there, every entry but the manifests is named; exit status 1 when "
-     "damaged"},
+    {"check", &RunCheck, "Whether PKG is an image package (exit status 0 if so, 3 if not)"},
+    {"verify", &RunVerify, "Read every entry back, compare manifest and zip (1 if damaged)"},
     {"extract", &RunExtract, "Write every file of the package (not the manifests) under DIR"},
-    {"cat", &RunCat, "Write one entry's content (its exact name) to standard output"},
-    {"rm", &RunRemove,
-     "Remove an entry (its exact name) from the package and its manifests; the raw image and "
-     "the manifests only with --force"},
+    {"cat", &RunCat, "Write one entry's content to standard output"},
+    {"rm", &RunRemove, "Remove an entry; the raw image and the manifests need --force"},
 };
 
 void AddCompanionOptions(CLI::App& command, Options& options) {
@@ -70,9 +58,8 @@ void AddCompanionOptions(CLI::App& command, Options& options) {
     command.add_option("--hair", options.hair, "The hair mask")->type_name("FILE");
     command
         .add_option("--reserve", options.reserve,
-                    "Zero space reserved behind each of these files when it is written "
-                    "(default: 16384 for the settings, 0 for the others), so that a later, "
-                    "larger version is rewritten in place")
+                    "Zero space kept behind each of these files for later, larger versions "
+                    "(default: 16384 behind the settings, 0 elsewhere)")
         ->type_name("BYTES");
 }
 
@@ -100,8 +87,13 @@ void AddCommand(CLI::App& app, const Command& command, Options& options) {
     }
     if (name == "rm") {
         sub->add_flag("--force", options.force,
-                      "Remove even the raw image or a manifest (the package may no longer open)");
+                      "Remove even the raw image or a manifest (the package may not open)");
     }
+}
+
+// The overview (App::help() would describe the command that was parsed, "help" itself).
+std::string Overview(const CLI::App& app) {
+    return app.get_formatter()->make_help(&app, "qob", CLI::AppFormatMode::Normal);
 }
 
 int Main(std::vector<std::string> args) {
@@ -113,8 +105,7 @@ int Main(std::vector<std::string> args) {
     bool version = false;
     app.add_flag("-q,--quiet", options.quiet, "Print nothing on success, and no progress bar");
     app.add_flag("-v,--verbose", options.verbosity,
-                 "Show the library's log lines: -v warnings, errors and INFO, -vv DEBUG, "
-                 "-vvv TRACE");
+                 "Show the library's log lines (-v up to INFO, -vv DEBUG, -vvv TRACE)");
     app.add_flag("--version", version, "The tool's and the library's version");
     for (const Command& command : kCommands) {
         AddCommand(app, command, options);
@@ -130,7 +121,7 @@ int Main(std::vector<std::string> args) {
         app.parse(args);
     } catch (const CLI::CallForHelp&) {
         const auto chosen = app.get_subcommands();
-        std::printf("%s", chosen.empty() ? app.help().c_str() : chosen[0]->help("qob").c_str());
+        std::printf("%s", chosen.empty() ? Overview(app).c_str() : chosen[0]->help("qob").c_str());
         return kExitSuccess;
     } catch (const CLI::ParseError& e) {
         std::fprintf(stderr, "qob: %s (see qob --help)\n", e.what());
@@ -142,12 +133,12 @@ int Main(std::vector<std::string> args) {
     }
     const auto chosen = app.get_subcommands();
     if (chosen.empty()) {
-        std::fprintf(stderr, "%s", app.help().c_str());
+        std::fprintf(stderr, "%s", Overview(app).c_str());
         return kExitUsage;
     }
     if (chosen[0] == help) {
         if (helpTopic.empty()) {
-            std::printf("%s", app.help().c_str());
+            std::printf("%s", Overview(app).c_str());
             return kExitSuccess;
         }
         try {

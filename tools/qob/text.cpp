@@ -42,7 +42,7 @@ std::pair<std::string, std::string> SplitIdAndFile(std::string_view text, std::s
 
 std::string TimeText(std::uint32_t dosTime, std::int64_t utcSeconds) {
     std::tm local{};
-    if (dosTime == 0 || !LocalTime(utcSeconds, local)) {
+    if (dosTime == 0 || utcSeconds == 0 || !LocalTime(utcSeconds, local)) {
         return {};
     }
     // The offset the local zone had at that moment: local calendar time less UTC.
