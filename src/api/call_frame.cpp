@@ -4,6 +4,7 @@
 #include "support/utf8_path.hpp"
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <new>
 #include <system_error>
@@ -38,17 +39,28 @@ void Report(LogLevel level, const char* name, const std::string& text) noexcept 
     }
 }
 
-std::string SystemText(int error) noexcept {
+std::string Given(CallSubject subject) noexcept {
+    if (subject.text == nullptr) {
+        return {};
+    }
     try {
-        return Platform::SystemErrorText(error);
+        const std::size_t length = strnlen(subject.text, subject.size);
+        // Unterminated within its field: not a path the call could have used.
+        return length < subject.size ? std::string(subject.text, length) : std::string();
     } catch (...) {
         return {};
     }
 }
 
+void Record(QobErrorCode_e code, const std::string& text, const std::error_code& cause,
+            const std::string& subject, CallSubject given) {
+    SetLastError(code, text, cause.value(), cause ? cause.message() : std::string(),
+                 subject.empty() ? Given(given) : subject);
+}
+
 } // namespace
 
-QobErrorCode_e ReportFailure(const char* name) noexcept {
+QobErrorCode_e ReportFailure(const char* name, CallSubject given) noexcept {
     // Running out of memory while reporting must still return the code: the outer try
     // keeps what was learnt before.
     QobErrorCode_e code = INTERNAL_INCONSISTENCY;
@@ -58,30 +70,28 @@ QobErrorCode_e ReportFailure(const char* name) noexcept {
         } catch (const Exception& e) {
             code = e.code();
             Report(LogLevel::Error, name, e.what());
-            SetLastError(e.code(), e.text(), e.systemError(), SystemText(e.systemError()),
-                         e.subject());
+            Record(code, e.text(), e.cause(), e.subject(), given);
             return code;
         } catch (const std::bad_alloc& e) {
             const std::string text = std::string("failed to allocate memory: ") + e.what();
             Report(LogLevel::Fatal, name, text);
-            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
         } catch (const std::filesystem::filesystem_error& e) {
             const std::string text = std::string("caught std: ") + e.what();
             Report(LogLevel::Error, name, text);
-            SetLastError(INTERNAL_INCONSISTENCY, text, e.code().value(), e.code().message(),
-                         PathToUtf8(e.path1()));
+            Record(INTERNAL_INCONSISTENCY, text, e.code(), PathToUtf8(e.path1()), given);
         } catch (const std::system_error& e) {
             const std::string text = std::string("caught std: ") + e.what();
             Report(LogLevel::Error, name, text);
-            SetLastError(INTERNAL_INCONSISTENCY, text, e.code().value(), e.code().message(), {});
+            Record(INTERNAL_INCONSISTENCY, text, e.code(), {}, given);
         } catch (const std::exception& e) {
             const std::string text = std::string("caught std: ") + e.what();
             Report(LogLevel::Error, name, text);
-            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
         } catch (...) {
             const std::string text = "caught unknown exception";
             Report(LogLevel::Error, name, text);
-            SetLastError(INTERNAL_INCONSISTENCY, text, 0, {}, {});
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
         }
     } catch (...) {
         SetLastError(code, {}, 0, {}, {});

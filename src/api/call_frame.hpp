@@ -10,6 +10,7 @@
 #include "support/format.hpp"
 #include "support/log.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -25,11 +26,19 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
 
 inline constexpr float kSlowCallSeconds = 0.5f;
 
+// What a failure concerns when it names nothing itself: the package the call was given (a
+// host's text, read up to its first NUL but never past size bytes). Null for none.
+struct CallSubject {
+    const char* text = nullptr;
+    std::size_t size = QOB_MAX_PATH;
+};
+
 // Logs the exception being handled, as the call's failure, fills the thread's last-error
 // record from it and returns its code. Only from inside a catch block.
-QobErrorCode_e ReportFailure(const char* name) noexcept;
+QobErrorCode_e ReportFailure(const char* name, CallSubject subject) noexcept;
 
-template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) noexcept {
+template <class Body>
+QobErrorCode_e CallGuarded(const char* name, Body&& body, CallSubject subject = {}) noexcept {
     try {
         const std::int64_t start = NowTicks();
         Deferred onSuccess(DeferCondition::OnSuccess,
@@ -44,7 +53,7 @@ template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) 
         ClearLastError();
         return SUCCESS;
     } catch (...) {
-        return ReportFailure(name);
+        return ReportFailure(name, subject);
     }
 }
 

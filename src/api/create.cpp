@@ -73,6 +73,20 @@ bool Plan(std::vector<PlannedFile>& plan, const QOB_EntryInfo& source, QOB_Entry
     return true;
 }
 
+// Why a file to pack from is not there: the system's reason, or that it is a folder.
+std::error_code SourceProblem(const QOB_EntryInfo& source) {
+    if (source.ePackingType != QOB_PACK_FROM_FILE || source.szPath[0] == '\0') {
+        return {};
+    }
+    std::error_code cause;
+    const std::filesystem::file_status status =
+        std::filesystem::status(PathFromUtf8(source.szPath), cause);
+    if (!cause && std::filesystem::is_directory(status)) {
+        cause = std::make_error_code(std::errc::is_a_directory);
+    }
+    return cause;
+}
+
 // The bytes of content the create copies, for progress: what the host's files hold now.
 std::uint64_t ContentBytes(const std::vector<PlannedFile>& plan) {
     std::uint64_t total = 0;
@@ -104,7 +118,8 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     const std::string base(ImageBaseName(from.raw));
     std::vector<PlannedFile> plan;
     if (!Plan(plan, from.raw, to.raw, EntryKind::Raw, base)) {
-        throw Exception(FILE_NOT_FOUND, "failed to add raw image to package");
+        throw Exception(FILE_NOT_FOUND, "failed to add raw image to package",
+                        SourceProblem(from.raw), from.raw.szPath);
     }
     // Every companion is optional: one that is absent is skipped.
     Plan(plan, from.proxy, to.proxy, EntryKind::Proxy, base);

@@ -18,8 +18,8 @@ void Describe(const Entry& entry, QOBX_EntryStat& stat) {
     if (entry.path.size() >= sizeof stat.name) {
         // Cut, the name would lead the host to another entry or to none.
         throw Exception(CANNOT_READ_FILE_PCK,
-                        Format("entry name of %zu bytes is too long to list", entry.path.size()), 0,
-                        entry.path.substr(0, 255));
+                        Format("entry name of %zu bytes is too long to list", entry.path.size()),
+                        {}, entry.path);
     }
     std::memset(&stat, 0, sizeof stat);
     std::memcpy(stat.name, entry.path.data(), entry.path.size());
@@ -54,5 +54,6 @@ extern "C" QOB_API QobErrorCode_e QOBX_ListEntries(const char* szPackagePath,
                                                    QOBX_EntryStat* entries, uint32_t capacity,
                                                    uint32_t* count) {
     return QOB::CallGuarded("QOBX_ListEntries",
-                            [&] { QOB::ListEntries(szPackagePath, entries, capacity, count); });
+                            [&] { QOB::ListEntries(szPackagePath, entries, capacity, count); },
+                            {szPackagePath, QOBX_MAX_MESSAGE});
 }

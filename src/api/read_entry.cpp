@@ -32,7 +32,7 @@ void ReadEntry(const char* szPackagePath, const char* szEntryName, std::uint64_t
     }
     throw Exception(FILE_NOT_IN_PACKAGE,
                     Format("entry \"%s\" not found in package \"%s\"", szEntryName, szPackagePath),
-                    0, szEntryName);
+                    {}, szEntryName);
 }
 
 } // namespace
@@ -41,7 +41,8 @@ void ReadEntry(const char* szPackagePath, const char* szEntryName, std::uint64_t
 extern "C" QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szEntryName,
                                                  uint64_t offset, void* buffer, uint32_t size,
                                                  uint32_t* read) {
-    return QOB::CallGuarded("QOBX_ReadEntry", [&] {
-        QOB::ReadEntry(szPackagePath, szEntryName, offset, buffer, size, read);
-    });
+    return QOB::CallGuarded(
+        "QOBX_ReadEntry",
+        [&] { QOB::ReadEntry(szPackagePath, szEntryName, offset, buffer, size, read); },
+        {szPackagePath, QOBX_MAX_MESSAGE});
 }

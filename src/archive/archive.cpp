@@ -113,9 +113,10 @@ std::uint64_t OpenEntryDataStart(void* unzip) {
     const std::uint64_t header =
         std::uint64_t{reader.current.localHeaderOffset} + reader.end.bytesBefore;
     std::uint8_t lengths[4];
-    if (!AsReader(unzip)->file.ReadAt(header + 26, lengths, sizeof lengths)) {
-        CheckUnzipResult(UNZ_ERRNO);
-    }
+    CheckUnzipCall([&] {
+        return AsReader(unzip)->file.ReadAt(header + 26, lengths, sizeof lengths) ? UNZ_OK
+                                                                                  : UNZ_ERRNO;
+    });
     return header + 30 + Bytes::Get16(lengths) + Bytes::Get16(lengths + 2);
 }
 
@@ -152,6 +153,27 @@ std::uint64_t BytesBehind(void* unzip, const std::string& name) {
     return total;
 }
 
+// The handle, or its failure with the path, and for a package that is not there the system's
+// reason (no such file, a folder on the way that may not be searched).
+std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
+    try {
+        return std::make_unique<MiniZip::Handle>(path, should_exist);
+    } catch (Exception& e) {
+        std::error_code cause;
+        if (e.code() == PACKAGE_NOT_FOUND) {
+            static_cast<void>(std::filesystem::symlink_status(path, cause));
+        }
+        e.AddContext(cause, PathToUtf8(path));
+        throw;
+    }
+}
+
+// Where a copy failed: the file it read or wrote, and the system's reason when it gave one.
+[[noreturn]] void CopyFailed(const char* text, std::error_code cause,
+                             const std::filesystem::path& file) {
+    throw Exception(INTERNAL_INCONSISTENCY, text, cause, PathToUtf8(file));
+}
+
 struct OutputCloser {
     void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputClose(file); }
 };
@@ -159,7 +181,7 @@ struct OutputCloser {
 } // namespace
 
 Archive::Archive(const std::filesystem::path& path, bool should_exist)
-    : handle_(std::make_unique<MiniZip::Handle>(path, should_exist)) {
+    : handle_(OpenHandle(path, should_exist)) {
     LogDebug(Format("Archive::[\"%s\"] %s", Name(), should_exist ? "opening" : "creating"));
 }
 
@@ -258,13 +280,14 @@ void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Read path=\"%s\" length=%zu", Name(), path.CStr(), length));
     if (buffer == nullptr) {
-        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to buffer");
+        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to buffer", {}, path.Sanitized());
     }
     const Entry entry = Get(path);
     if (length < entry.content_size) {
         throw Exception(INTERNAL_INCONSISTENCY,
                         Format("buffer too small: src=%zu dst=%zu",
-                               static_cast<std::size_t>(entry.content_size), length));
+                               static_cast<std::size_t>(entry.content_size), length),
+                        {}, entry.path);
     }
     void* unzip = handle_->Unzip();
     ReadBegin(unzip, entry);
@@ -324,8 +347,8 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
                        PathToUtf8((base / relative).parent_path()).c_str()));
     }
     ReadInRounds(unzip, entry.content_size, [&](const std::byte* bytes, std::size_t length) {
-        if (!Platform::OutputWrite(out.get(), bytes, length)) {
-            throw Exception(INTERNAL_INCONSISTENCY, "write error");
+        if (const std::error_code cause = Platform::OutputWrite(out.get(), bytes, length)) {
+            CopyFailed("write error", cause, base / relative);
         }
         ProgressAdvance(length);
     });
@@ -348,10 +371,12 @@ std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::by
     const Deferred close(DeferCondition::Always, [unzip] { unzCloseCurrentFile(unzip); });
     const bool reachesEnd = offset + length == entry.content_size;
     if (!reachesEnd && entry.method == 0) {
-        if (!AsReader(unzip)->file.ReadAt(OpenEntryDataStart(unzip) + offset, buffer,
-                                          static_cast<std::uint32_t>(length))) {
-            CheckUnzipResult(UNZ_ERRNO);
-        }
+        const std::uint64_t start = OpenEntryDataStart(unzip) + offset;
+        CheckUnzipCall([&] {
+            return AsReader(unzip)->file.ReadAt(start, buffer, static_cast<std::uint32_t>(length))
+                       ? UNZ_OK
+                       : UNZ_ERRNO;
+        });
         return length;
     }
     ReadInRounds(unzip, offset, [](const std::byte*, std::size_t) {});
@@ -400,23 +425,26 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
         for (std::uint64_t remaining = length; remaining > 0;) {
             const auto round =
                 static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+            Platform::ClearSystemError();
             in.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(round));
             if (in.fail()) {
-                throw Exception(INTERNAL_INCONSISTENCY, "read error");
+                CopyFailed("read error", Platform::LastSystemError(), external);
             }
             if (in.eof()) {
-                throw Exception(INTERNAL_INCONSISTENCY, "file smaller than expected");
+                CopyFailed("file smaller than expected", {}, external);
             }
             if (static_cast<std::size_t>(in.gcount()) < round) {
-                throw Exception(INTERNAL_INCONSISTENCY, "didn't read enough");
+                CopyFailed("didn't read enough", {}, external);
             }
-            CheckZipResult(zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round)));
+            CheckZipCall([&] {
+                return zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round));
+            });
             ProgressAdvance(round);
             remaining -= round;
         }
         in.get();
         if (!in.eof()) {
-            throw Exception(INTERNAL_INCONSISTENCY, "file larger than expected");
+            CopyFailed("file larger than expected", {}, external);
         }
     }
     WriteEnd(zip, padding);
@@ -434,7 +462,7 @@ void Archive::Insert(const Path& path, const std::byte* content, std::size_t len
     void* zip = handle_->Zip();
     const std::tm time = Platform::LocalTime(Platform::CurrentTime());
     WriteBegin(zip, path, time, length, padding);
-    CheckZipResult(zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)));
+    CheckZipCall([&] { return zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)); });
     ProgressAdvance(length);
     WriteEnd(zip, padding);
     Flush();
@@ -460,8 +488,9 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
         checked_.erase(kept);
     }
     void* zip = handle_->Zip();
-    CheckZipResult(
-        zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
+    CheckZipCall([&] {
+        return zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length));
+    });
     Flush();
 }
 
@@ -506,7 +535,7 @@ void Archive::Remove(const Path& path) {
     // Entries behind the removed one move.
     checked_.clear();
     checkedBytes_ = 0;
-    CheckZipResult(zipRemoveFileInZip(handle_->Zip(), path.CStr()));
+    CheckZipCall([&] { return zipRemoveFileInZip(handle_->Zip(), path.CStr()); });
     Flush();
     progress.Finish();
 }

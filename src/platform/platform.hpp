@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace QOB::Platform {
@@ -84,17 +85,21 @@ struct CreateBelowResult {
 // directories are created; an existing file is replaced by a new one, never written through.
 CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
                                   const std::vector<std::filesystem::path>& components);
-bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
+// All of data, or the system's reason why not.
+std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
 // Closes and frees; false when the system reported an error on closing.
 bool OutputClose(OutputFile* file) noexcept;
 // Two output names with the same key are the same file on this system (letter case is
 // ignored on Windows). UTF-8 in and out.
 std::string OutputNameKey(const std::string& utf8);
 
-// The system's error number of the last failed call on this thread: errno on POSIX systems,
-// GetLastError on Windows. Read it right after the failure, before anything else runs.
-int LastSystemError() noexcept;
-// The system's text for such a number, in UTF-8, without a trailing line break; empty for 0.
-std::string SystemErrorText(int error);
+// The cause of the last failed system call on this thread: errno on POSIX systems, GetLastError
+// on Windows, as an error code whose message() is the system's own text (UTF-8, one line).
+// Read it right after the failure, before anything else runs.
+std::error_code LastSystemError() noexcept;
+// The same for a number the system gave earlier (a stream's stored error, say).
+std::error_code SystemError(int value) noexcept;
+// Forgets the last failure, so that what LastSystemError reads next is new.
+void ClearSystemError() noexcept;
 
 } // namespace QOB::Platform

@@ -1,30 +1,21 @@
-// The system's error numbers and texts on POSIX systems.
+// The system's error numbers on POSIX systems: errno, read through the standard's system
+// category, whose messages are strerror's.
 #include "platform/platform.hpp"
 
 #include <cerrno>
-#include <cstring>
 
 namespace QOB::Platform {
 
-int LastSystemError() noexcept {
-    return errno;
+std::error_code LastSystemError() noexcept {
+    return SystemError(errno);
 }
 
-std::string SystemErrorText(int error) {
-    if (error == 0) {
-        return {};
-    }
-    char buffer[256] = {};
-    // The GNU variant may return a static text instead of filling the buffer; the XSI one
-    // fills it and returns a status.
-#if defined(__GLIBC__) && defined(_GNU_SOURCE)
-    return ::strerror_r(error, buffer, sizeof buffer);
-#else
-    if (::strerror_r(error, buffer, sizeof buffer) != 0) {
-        return "error " + std::to_string(error);
-    }
-    return buffer;
-#endif
+std::error_code SystemError(int value) noexcept {
+    return {value, std::system_category()};
+}
+
+void ClearSystemError() noexcept {
+    errno = 0;
 }
 
 } // namespace QOB::Platform

@@ -51,14 +51,23 @@ const char* ErrorName(int code) noexcept {
 }
 
 Exception::Exception(QobErrorCode_e code, const std::string& text)
-    : Exception(code, text, 0, std::string()) {}
+    : Exception(code, text, std::error_code(), std::string()) {}
 
-Exception::Exception(QobErrorCode_e code, const std::string& text, int systemError,
+Exception::Exception(QobErrorCode_e code, const std::string& text, std::error_code cause,
                      const std::string& subject)
     : code_(code), message_(std::string("[") + ErrorName(code) + "] "), textStart_(message_.size()),
-      systemError_(systemError), subject_(subject) {
+      cause_(cause), subject_(subject) {
     message_ += text;
     LogError("Exception: " + text);
+}
+
+void Exception::AddContext(std::error_code cause, const std::string& subject) {
+    if (!cause_) {
+        cause_ = cause;
+    }
+    if (subject_.empty()) {
+        subject_ = subject;
+    }
 }
 
 } // namespace QOB
