@@ -30,7 +30,7 @@ __all__ = ["Error", "PackageNotFoundError", "PackagePermissionError", "EntryNotF
            "Entry", "EntryInfo", "PackageInfo", "Package", "create", "update", "info",
            "extract", "read", "lcc", "is_package", "remove", "load_library", "library_path",
            "library_version", "code_name", "MANIFEST_NAMES", "TRACE"]
-__version__ = "0.1.0"
+__version__ = "0.2.0"
 
 Reserve = Union[None, int, Mapping[str, int]]
 

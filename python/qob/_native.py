@@ -89,8 +89,7 @@ ProgressFn = ctypes.CFUNCTYPE(None, ctypes.c_uint64, ctypes.c_uint64, ctypes.c_v
 # The header pins these sizes; a mismatch would corrupt memory, so refuse to go on.
 RECORD_SIZES = {EntryInfo: 812, ImageFiles: 4084, PackageInfo: 381176, CreateArgs: 4344,
                 UpdateArgs: 385520, ExtractArgs: 1348,
-                LastError: 8 + 32 + MAX_MESSAGE + 256 + MAX_MESSAGE,
-                EntryStat: MAX_NAME + 3 * 8 + 4 * 4 + 8}
+                LastError: 2344, EntryStat: 1072}
 for _record, _size in RECORD_SIZES.items():
     if ctypes.sizeof(_record) != _size:
         raise ImportError(f"qob: {_record.__name__} is {ctypes.sizeof(_record)} bytes, "

@@ -11,9 +11,7 @@ trap 'rm -rf "$work"' EXIT
 "$doxygen" "$work/Doxyfile" > "$work/log" 2>&1 || fail "the headers fail: $(cat "$work/log")"
 [ ! -s "$work/log" ] || fail "the headers give warnings: $(cat "$work/log")"
 [ -f "$work/out/html/index.html" ] || fail "no index.html"
-for page in qob_8h.html qob__ext_8h.html; do
-  [ -f "$work/out/html/$page" ] || fail "no $page: a header went undocumented"
-done
+[ -f "$work/out/html/qob_8h.html" ] || fail "no page for qob.h"
 
 mkdir "$work/extra"
 printf '/** @file extra.h\n * @brief x */\nint undocumented(int a);\n' > "$work/extra/extra.h"
