@@ -11,7 +11,6 @@ it stored, whole. Each reader runs in a process of its own and reports its peak 
 import argparse
 import os
 import pathlib
-import resource
 import subprocess
 import sys
 import tempfile
@@ -48,22 +47,23 @@ print(total, resource.getrusage(resource.RUSAGE_SELF).ru_maxrss)
 """
 
 
-def peak_of_tool(tool, package, entry):
-    """cat into /dev/null; the peak of the one child it ran."""
-    before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    with open(os.devnull, "wb") as sink:
-        subprocess.run([tool, "cat", package, entry], stdout=sink, check=True)
-    peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    # ru_maxrss of children is the largest child so far: the tool runs first, alone.
-    return os.path.getsize(package), max(peak, before)
+TOOL_CAT = """
+import os, resource, subprocess, sys
+with open(os.devnull, "wb") as sink:
+    subprocess.run([sys.argv[4], "cat", sys.argv[2], sys.argv[3]], stdout=sink, check=True)
+print(os.path.getsize(sys.argv[2]), resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+"""
 
 
-def peak_of_python(script, library, package, entry):
-    environment = dict(os.environ, QOB_LIBRARY=library)
-    out = subprocess.run([sys.executable, "-c", script, str(PYTHON_SOURCE), package, entry],
-                         capture_output=True, text=True, check=True, env=environment).stdout
-    total, peak = map(int, out.split())
-    return total, peak
+def peak(script, options, package, entry):
+    """Runs one reader in a fresh process: (bytes, peak resident set in KiB). The tool's cat
+    runs under a small Python parent of its own, whose only child it is."""
+    environment = dict(os.environ, QOB_LIBRARY=options.library)
+    out = subprocess.run([sys.executable, "-c", script, str(PYTHON_SOURCE), package, entry,
+                          options.tool], capture_output=True, text=True, check=True,
+                         env=environment).stdout
+    total, kib = map(int, out.split())
+    return total, kib
 
 
 def main():
@@ -79,11 +79,9 @@ def main():
             f.truncate(size)
         package = os.path.join(work, "p.qob")
         subprocess.run([options.tool, "-q", "create", package, "--raw", raw], check=True)
-        rows = [("qob cat", peak_of_tool(options.tool, package, "sparse.raw")),
-                ("Package.open()", peak_of_python(PACKAGE_OPEN, options.library, package,
-                                                  "sparse.raw")),
-                ("QOBX_ReadEntry ranges", peak_of_python(RANGED_READS, options.library, package,
-                                                         "sparse.raw"))]
+        rows = [(name, peak(script, options, package, "sparse.raw"))
+                for name, script in (("qob cat", TOOL_CAT), ("Package.open()", PACKAGE_OPEN),
+                                     ("QOBX_ReadEntry ranges", RANGED_READS))]
     print(f"entry: {options.size_mib} MiB; target: peak resident set under {TARGET_MIB} MiB")
     failed = False
     for name, (_, peak_kib) in rows:
