@@ -54,7 +54,7 @@ def create(path: PathLike, raw: PathLike, settings: Optional[PathLike] = None,
     files._fill(args.files.raw, raw, 0, "", "raw")
     args.szPackagePath = _encode(path, "package path")
     with _Progress(progress):
-        _check("QOB_Create", ctypes.byref(args))
+        _check("QOB_Create", ctypes.byref(args), where=path)
 
 
 def info(path: PathLike) -> PackageInfo:
@@ -79,10 +79,10 @@ def update(path: PathLike, settings: Optional[PathLike] = None, proxy: Optional[
     args.szPackagePath = _encode(path, "package path")
     args.info.szPackagePath = args.szPackagePath
     try:
-        _check("QOB_GetPackageInfo", ctypes.byref(args.info))
+        _check("QOB_GetPackageInfo", ctypes.byref(args.info), where=path)
         args.files = files.files
         with _Progress(progress):
-            _check("QOB_Update", ctypes.byref(args))
+            _check("QOB_Update", ctypes.byref(args), where=path)
     finally:
         # The update's own destructor frees nothing: its package record owns the lists.
         lib.QOB_Destructor(ctypes.byref(args.info), _native.OBJECT_PACKAGE_INFO)
@@ -96,7 +96,7 @@ def extract(path: PathLike, dest: PathLike, progress: Optional[Progress] = None)
     args.szDestination = _encode(dest, "destination")
     args.eMode = _native.EXTRACT_ALL
     with _Progress(progress):
-        _check("QOB_Extract", ctypes.byref(args))
+        _check("QOB_Extract", ctypes.byref(args), where=path)
 
 
 def read(path: PathLike, entry: str) -> bytes:
@@ -112,7 +112,7 @@ def lcc(path: PathLike, identifier: str) -> Entry:
     found = _native.EntryInfo()
     _lib().QOB_Constructor(ctypes.byref(found), _native.OBJECT_ENTRY_INFO)
     _check("QOB_GetLensCastCalibInfo", _encode(path, "package path"),
-           _encode(identifier, "identifier"), ctypes.byref(found), lookup=True)
+           _encode(identifier, "identifier"), ctypes.byref(found), lookup=True, where=path)
     entry = _entry(found)
     # The look-up leaves the time out; the package's file list has it.
     for profile in info(path).lccs:
@@ -124,7 +124,7 @@ def lcc(path: PathLike, identifier: str) -> Entry:
 def is_package(path: PathLike) -> bool:
     """Whether path is an image package of a version the library reads."""
     try:
-        _check("QOB_IsQob", _encode(path, "package path"))
+        _check("QOB_IsQob", _encode(path, "package path"), where=path)
         return True
     except Error:
         return False
@@ -134,7 +134,7 @@ def remove(path: PathLike, entry: str, progress: Optional[Progress] = None) -> N
     """Removes an entry (its exact name) from the package and from its manifests."""
     with _Progress(progress):
         _check("QOB_RemoveEntry", _encode(path, "package path"), _encode(entry, "entry path"),
-               lookup=True)
+               lookup=True, where=path)
 
 
 try:

@@ -145,11 +145,12 @@ def _entry(info: _native.EntryInfo) -> Entry:
                  identifier=_text(info.szIdentifier), second_path=_text(info.szSecondPath))
 
 
-def _check(name: str, *args, lookup: bool = False) -> None:
-    """Runs one export; raises the error its last-error record describes."""
+def _check(name: str, *args, lookup: bool = False, where: Optional[PathLike] = None) -> None:
+    """Runs one export; raises the error its last-error record describes (naming where, the
+    package, when the record names nothing)."""
     result, record = _lib().call(name, *args)
     if result != 0:
-        raise from_record(result, record, lookup)
+        raise from_record(result, record, lookup, os.fspath(where) if where is not None else None)
 
 
 class _Progress:
@@ -242,7 +243,7 @@ class _InfoRecord:
         lib.QOB_Constructor(ctypes.byref(self.record), _native.OBJECT_PACKAGE_INFO)
         self.record.szPackagePath = _encode(path, "package path")
         try:
-            _check("QOB_GetPackageInfo", ctypes.byref(self.record))
+            _check("QOB_GetPackageInfo", ctypes.byref(self.record), where=path)
         except BaseException:
             self.close()
             raise
@@ -297,7 +298,7 @@ def _list_entries(path: PathLike) -> List[EntryInfo]:
     count = ctypes.c_uint32(0)
     stats = (_native.EntryStat * 0)()
     while True:
-        _check("QOBX_ListEntries", encoded, stats, len(stats), ctypes.byref(count))
+        _check("QOBX_ListEntries", encoded, stats, len(stats), ctypes.byref(count), where=path)
         if count.value <= len(stats):
             return [_entry_info(stats[i]) for i in range(count.value)]
         stats = (_native.EntryStat * count.value)()  # first call, or the package grew
@@ -318,5 +319,5 @@ def _read_range(encoded_path: bytes, encoded_name: bytes, offset: int, buffer) -
     view = (ctypes.c_char * size).from_buffer(buffer) if size else None
     done = ctypes.c_uint32(0)
     _check("QOBX_ReadEntry", encoded_path, encoded_name, offset, view, size, ctypes.byref(done),
-           lookup=True)
+           lookup=True, where=os.fsdecode(encoded_path))
     return done.value

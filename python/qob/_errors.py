@@ -78,14 +78,15 @@ _BY_ERRNO: Dict[int, Type[Error]] = {
     _errno.ENOTDIR: PackageNotADirectoryError, _errno.EEXIST: PackageExistsError}
 
 
-def from_record(code: int, record, lookup: bool = False) -> Error:
+def from_record(code: int, record, lookup: bool = False, where: Optional[str] = None) -> Error:
     """The exception for a failed call from its last-error record. With lookup, a missing
-    entry or manifest is a KeyError (the call looked a name up in a package)."""
+    entry or manifest is a KeyError (the call looked a name up in a package); where names the
+    package when the record names nothing."""
     def text(field) -> str:
         return bytes(field).split(b"\0", 1)[0].decode("utf-8", "replace")
 
     args = (code, text(record.codeName), text(record.message), record.systemError,
-            text(record.systemMessage), text(record.subject))
+            text(record.systemMessage), text(record.subject) or where)
     kind: Type[Error] = Error
     number = _as_errno(record.systemError)
     if lookup and code == FILE_NOT_IN_PACKAGE:

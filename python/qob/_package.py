@@ -75,7 +75,7 @@ class Package:
         self.filename = os.fspath(path)
         self._path = _encode(path, "package path")
         self._closed = False
-        _check("QOB_IsQob", self._path)
+        _check("QOB_IsQob", self._path, where=path)
 
     def __enter__(self) -> "Package":
         return self

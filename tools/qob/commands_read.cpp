@@ -258,8 +258,8 @@ void ReadBack(const std::string& package, VerifyReport& report, bool quiet) {
                 done += size;
                 bar.Update(done, total);
             });
-        } catch (const ToolError&) {
-            problem = Describe(LastError());
+        } catch (const LibraryError& e) {
+            problem = Describe(e.record());
         }
         report.entryProblems.push_back(problem);
     }

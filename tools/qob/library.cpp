@@ -86,7 +86,7 @@ void Check(QobErrorCode_e result, const std::string& package) {
     }
     if (IsDiskFull(error.systemError)) {
         // The library's code for it is a generic one, kept for the hosts of the ten calls.
-        throw ToolError(text + error.systemMessage, kExitDiskFull);
+        throw LibraryError(text + error.systemMessage, kExitDiskFull, error);
     }
     if (error.systemError != 0 && error.systemMessage[0] != '\0') {
         text +=
@@ -94,7 +94,7 @@ void Check(QobErrorCode_e result, const std::string& package) {
     } else {
         text += std::string(error.codeName) + ": " + error.message;
     }
-    throw ToolError(text, StatusFor(error, package));
+    throw LibraryError(text, StatusFor(error, package), error);
 }
 
 void RequireFile(const std::string& file, bool write) {

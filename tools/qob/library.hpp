@@ -36,6 +36,17 @@ private:
     int status_;
 };
 
+// A failed library call: the ToolError line, and the last-error record it was made from.
+class LibraryError : public ToolError {
+public:
+    LibraryError(const std::string& message, int status, const QOBX_Error& record)
+        : ToolError(message, status), record_(record) {}
+    const QOBX_Error& record() const noexcept { return record_; }
+
+private:
+    QOBX_Error record_;
+};
+
 // The names of the package's manifests, primary first, in the order of
 // QOB_PackageInfo::szManifests.
 inline constexpr std::array<std::string_view, QOB_MANIFEST_COUNT> kManifestNames = {
@@ -65,8 +76,8 @@ std::string Describe(const QOBX_Error& error);
 // failure. May call QOB_IsQob, so read the record first.
 int StatusFor(const QOBX_Error& error, const std::string& package);
 
-// Throws ToolError "<package>: <what happened>" with StatusFor's status unless SUCCESS (a
-// full disk: the system's words, and kExitDiskFull).
+// Throws LibraryError "<package>: <what happened>" with StatusFor's status unless SUCCESS
+// (a full disk: the system's words, and kExitDiskFull).
 void Check(QobErrorCode_e result, const std::string& package);
 
 // The system's reason why file cannot be opened for reading (or, with write, for changing);

@@ -21,7 +21,7 @@ void CopyField(char (&field)[QOB_MAX_PATH], std::string_view text, std::string_v
 std::pair<std::string, std::string> SplitIdAndFile(std::string_view text, std::string_view option);
 
 // ISO 8601 text with the local offset of a moment in UTC seconds; "" for an entry without a
-// time (its DOS word is 0).
+// time (its DOS word is 0) or with one the library could not read (UTC seconds 0).
 std::string TimeText(std::uint32_t dosTime, std::int64_t utcSeconds);
 // The same as a JSON value: a string, or null.
 Json TimeJson(std::uint32_t dosTime, std::int64_t utcSeconds);
