@@ -153,17 +153,36 @@ std::uint64_t BytesBehind(void* unzip, const std::string& name) {
     return total;
 }
 
-// The handle, or its failure with the path, and for a package that is not there the system's
-// reason (no such file, a folder on the way that may not be searched).
+// The handle, or its failure with the path and the system's reason: for a package that is
+// not there, why (no such file, a folder on the way that may not be searched); for one that
+// cannot be opened, the error of the last system call that failed while trying.
 std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
+    Platform::ClearSystemError();
     try {
         return std::make_unique<MiniZip::Handle>(path, should_exist);
     } catch (Exception& e) {
         std::error_code cause;
         if (e.code() == PACKAGE_NOT_FOUND) {
             static_cast<void>(std::filesystem::symlink_status(path, cause));
+        } else if (e.code() == INTERNAL_INCONSISTENCY) {
+            cause = Platform::LastSystemError();
+            // A create that failed leaves the error of a fallback open of the missing file:
+            // the folder says why the file could not be made.
+            if (!should_exist) {
+                std::error_code missing;
+                const auto folder = std::filesystem::status(
+                    path.parent_path().empty() ? "." : path.parent_path(), missing);
+                if (missing) {
+                    cause = missing;
+                } else if (!std::filesystem::is_directory(folder)) {
+                    cause = std::make_error_code(std::errc::not_a_directory);
+                } else if (const std::error_code refused =
+                               Platform::CreateRefusedIn(path.parent_path())) {
+                    cause = refused;
+                }
+            }
         }
-        e.AddContext(cause, PathToUtf8(path));
+        e.AddContext(cause.value() != 0 ? cause : std::error_code(), PathToUtf8(path));
         throw;
     }
 }
