@@ -134,6 +134,7 @@ void ExpectRecord(const char* what, QobErrorCode_e result, const struct Want* wa
 }
 
 static const char kPackage[] = "ext.qob";
+static QOBX_EntryStat g_entriesSpare[1];
 static const char kPlain[] = "ext_plain.zip";
 static const char kText[] = "ext_text.qob";
 static const char kRawName[] = "IMG_0001.CR3";
@@ -177,6 +178,50 @@ static QobErrorCode_e ListCount(const char* package) {
     return QOBX_ListEntries(package, NULL, 0, &count);
 }
 
+/* True when text is whole UTF-8: no sequence cut short at its end. */
+static int WholeUtf8(const char* text) {
+    const unsigned char* p = (const unsigned char*)text;
+    while (*p != 0) {
+        int more = *p >= 0xF0 ? 3 : *p >= 0xE0 ? 2 : *p >= 0xC0 ? 1 : 0;
+        for (++p; more > 0; --more, ++p) {
+            if ((*p & 0xC0) != 0x80) {
+                return 0;
+            }
+        }
+    }
+    return 1;
+}
+
+/* Texts longer than the record's fields are cut between characters, never inside one; a name
+ * longer than a listing can hold fails the listing instead of being cut. */
+static void CheckLongNames(void) {
+    static char name[1401];
+    size_t i;
+    uint32_t count = 0;
+    for (i = 0; i + 2 <= 1400; i += 2) {
+        name[i] = (char)0xC3; /* "é" */
+        name[i + 1] = (char)0xA9;
+    }
+    name[1400] = '\0';
+    if (ReadInto(kPackage, name) != FILE_NOT_IN_PACKAGE ||
+        QOBX_LastError(&g_error) != FILE_NOT_IN_PACKAGE || strlen(g_error.subject) != 1022 ||
+        strncmp(g_error.subject, name, 1022) != 0 || !WholeUtf8(g_error.subject) ||
+        !WholeUtf8(g_error.message) || strncmp(g_error.message, "entry \"\xC3\xA9", 8) != 0) {
+        Fail("a long name in the record", "not cut between characters");
+    }
+    WritePlainZip("ext_long.zip", name, "x");
+    if (QOBX_ListEntries("ext_long.zip", NULL, 0, &count) != SUCCESS || count != 1) {
+        Fail("counting a long name", "failed");
+    }
+    {
+        const QobErrorCode_e result = QOBX_ListEntries("ext_long.zip", g_entriesSpare, 1, &count);
+        QOBX_LastError(&g_error);
+        if (result != CANNOT_READ_FILE_PCK || strncmp(g_error.subject, name, 1022) != 0) {
+            Fail("listing a name longer than the record's field", g_error.message);
+        }
+    }
+}
+
 /* The record after each kind of failure a host meets, and after a success. */
 static void CheckRecords(void) {
     static const char kNoManifest[] =
@@ -215,6 +260,16 @@ static void CheckRecords(void) {
     ExpectRecord("a create in a folder that is not there",
                  MakePackage("ext_no_folder/new.qob", "raw", 3), &noFolder);
 
+    /* A name that is not UTF-8 keeps -15 and its message; the record says why. */
+    {
+        const QobErrorCode_e result = ExtractToBuffer(kPackage, "bad\xFF\xFEname", g_small, 4);
+        QOBX_LastError(&g_error);
+        if (result != INTERNAL_INCONSISTENCY || g_error.systemError != EILSEQ ||
+            strncmp(g_error.message, "caught std: ", 12) != 0 ||
+            strcmp(g_error.subject, kPackage) != 0) {
+            Fail("a name that is not UTF-8", g_error.message);
+        }
+    }
     /* A folder where a package should be, and a plain zip asked for its manifests: the codes
      * are fixed elsewhere; the record must name the path either way. */
     {
@@ -474,6 +529,7 @@ int CheckExtensions(void) {
     CheckListing();
     CheckReads();
     CheckRecords();
+    CheckLongNames();
     CheckProgress();
     CheckLogLevel();
     return Failures();
