@@ -187,6 +187,22 @@ std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, b
     }
 }
 
+// Runs one step of the handle (opening a side, flushing) with the system's last error cleared,
+// so that an I/O failure it reports only by its fixed message (-15) carries the system's
+// reason from that step, never an older one.
+template <class Step> auto WithSystemCause(Step&& step) -> decltype(step()) {
+    Platform::ClearSystemError();
+    try {
+        return step();
+    } catch (Exception& e) {
+        const std::error_code cause = Platform::LastSystemError();
+        if (e.code() == INTERNAL_INCONSISTENCY && cause.value() != 0) {
+            e.AddContext(cause, {});
+        }
+        throw;
+    }
+}
+
 // Where a copy failed: the file it read or wrote, and the system's reason when it gave one.
 [[noreturn]] void CopyFailed(const char* text, std::error_code cause,
                              const std::filesystem::path& file) {
@@ -215,13 +231,21 @@ Archive::~Archive() {
     }
 }
 
+void* Archive::Zip() {
+    return WithSystemCause([this] { return handle_->Zip(); });
+}
+
+void* Archive::Unzip() {
+    return WithSystemCause([this] { return handle_->Unzip(); });
+}
+
 const char* Archive::Name() const noexcept {
     return handle_->Path().c_str();
 }
 
 void Archive::Flush() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
-    handle_->Flush();
+    WithSystemCause([this] { handle_->Flush(); });
 }
 
 void Archive::Close() {
@@ -231,7 +255,7 @@ void Archive::Close() {
 
 std::vector<Entry> Archive::List() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::List", Name()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     std::vector<Entry> entries;
     int result = unzGoToFirstFile(unzip);
     while (result == UNZ_OK) {
@@ -248,7 +272,7 @@ std::vector<Entry> Archive::List() {
 bool Archive::Contains(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Contains path=\"%s\"", Name(), path.CStr()));
-    const int result = unzLocateFile(handle_->Unzip(), path.CStr());
+    const int result = unzLocateFile(Unzip(), path.CStr());
     if (result == UNZ_END_OF_LIST_OF_FILE) {
         return false;
     }
@@ -261,7 +285,7 @@ bool Archive::Contains(const Path& path) {
 
 Entry Archive::Get(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Get path=\"%s\"", Name(), path.CStr()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
     return GetCurrent(unzip);
 }
@@ -269,7 +293,7 @@ Entry Archive::Get(const Path& path) {
 std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Read path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckEntryWithin(unzip, entry, limit);
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
@@ -308,7 +332,7 @@ void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
                                static_cast<std::size_t>(entry.content_size), length),
                         {}, entry.path);
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     TryRead(unzip, buffer, entry.content_size);
     ReadEnd(unzip, entry);
@@ -341,7 +365,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
     if (std::filesystem::create_directories(base)) {
         LogInfo(Format("Archive::Extract: created directory \"%s\"", PathToUtf8(base).c_str()));
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
 
@@ -384,7 +408,7 @@ std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::by
     }
     const auto length =
         static_cast<std::size_t>(std::min<std::uint64_t>(size, entry.content_size - offset));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
     const Deferred close(DeferCondition::Always, [unzip] { unzCloseCurrentFile(unzip); });
@@ -409,7 +433,7 @@ std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::by
 void Archive::Check(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Check path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
     ReadInRounds(unzip, entry.content_size, [](const std::byte*, std::size_t) {});
@@ -434,7 +458,7 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
     const std::string source = PathToUtf8(external);
     const OperationTrail trail(Format("Archive::[\"%s\"]::Insert int=\"%s\" ext=\"%s\" padding=%zu",
                                       Name(), internal.CStr(), source.c_str(), padding));
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::uint64_t length = std::filesystem::file_size(external);
     const std::tm time = GetFileModificationTime(external);
     WriteBegin(zip, internal, time, length, padding);
@@ -478,7 +502,7 @@ void Archive::Insert(const Path& path, const std::byte* content, std::size_t len
     if (content == nullptr) {
         throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to content");
     }
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::tm time = Platform::LocalTime(Platform::CurrentTime());
     WriteBegin(zip, path, time, length, padding);
     CheckZipCall([&] { return zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)); });
@@ -506,7 +530,7 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
         checkedBytes_ -= kept->second.content.size();
         checked_.erase(kept);
     }
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     CheckZipCall([&] {
         return zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length));
     });
@@ -514,7 +538,7 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
 }
 
 bool Archive::Holds(const Path& path, const std::byte* content, std::size_t length) {
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     if (unzLocateFile(unzip, path.CStr()) != UNZ_OK) {
         return false;
     }
@@ -550,11 +574,11 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
 void Archive::Remove(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
-    ProgressScope progress(ProgressWanted() ? BytesBehind(handle_->Unzip(), path.Sanitized()) : 0);
+    ProgressScope progress(ProgressWanted() ? BytesBehind(Unzip(), path.Sanitized()) : 0);
     // Entries behind the removed one move.
     checked_.clear();
     checkedBytes_ = 0;
-    CheckZipCall([&] { return zipRemoveFileInZip(handle_->Zip(), path.CStr()); });
+    CheckZipCall([&] { return zipRemoveFileInZip(Zip(), path.CStr()); });
     Flush();
     progress.Finish();
 }

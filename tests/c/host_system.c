@@ -35,8 +35,29 @@ int CheckDiskFull(const char* dir) {
                                   path};
         ExpectRecord("a create on a full disk", MakePackage(path, raw, kBigSize), &full);
     }
-    /* A package beside the host, extracted onto the full disk. */
+    /* A package that fits, then an update that does not. */
     remove(path);
+    snprintf(path, sizeof path, "%s/small.qob", dir);
+    if (MakePackage(path, raw, 1000) != SUCCESS) {
+        Fail("setup", "cannot create a small package on the small disk");
+    }
+    {
+        static QOB_UpdateArgs update;
+        const struct Want full = {INTERNAL_INCONSISTENCY, "minizip returned ZIP_ERRNO", ENOSPC,
+                                  path};
+        QOB_Constructor(&update, QOB_OBJECT_UPDATE_ARGS);
+        strcpy(update.szPackagePath, path);
+        strcpy(update.info.szPackagePath, path);
+        QOB_GetPackageInfo(&update.info);
+        strcpy(update.files.settings.szPath, "edit.xmp");
+        update.files.settings.ePackingType = QOB_PACK_FROM_MEMORY;
+        update.files.settings.pBuffer = raw;
+        update.files.settings.uBufferLength = kBigSize;
+        ExpectRecord("an update on a full disk", QOB_Update(&update), &full);
+        QOB_Destructor(&update.info, QOB_OBJECT_PACKAGE_INFO);
+    }
+    remove(path);
+    /* A package beside the host, extracted onto the full disk. */
     if (MakePackage("full_source.qob", raw, kBigSize) != SUCCESS) {
         Fail("setup", "cannot create the package to extract");
     }
