@@ -58,13 +58,14 @@ static void Put32(FILE* file, uint32_t value) {
     Put16(file, value >> 16);
 }
 
-/* A zip of one stored entry, as any zip tool writes it: no manifests, no padding field. */
-static void WritePlainZip(const char* path, const char* name, const char* content) {
+/* A zip of one stored entry, as any zip tool writes it: no manifests, no padding field. Its
+ * headers claim claimed bytes (0: the content's real size). */
+static void WriteZip(const char* path, const char* name, const char* content, uint32_t claimed) {
     const unsigned nameLength = (unsigned)strlen(name);
-    const uint32_t size = (uint32_t)strlen(content);
-    const uint32_t crc = Crc32(0, (const unsigned char*)content, size);
+    const uint32_t real = (uint32_t)strlen(content);
+    const uint32_t size = claimed != 0 ? claimed : real;
+    const uint32_t crc = Crc32(0, (const unsigned char*)content, real);
     const uint32_t dos = (uint32_t)((44u << 25) | (1u << 21) | (1u << 16)); /* 2024-01-01 */
-    const uint32_t central = 30 + nameLength + size;
     FILE* file = fopen(path, "wb");
     if (file == NULL) {
         Fail("plain zip", "cannot write");
@@ -75,7 +76,7 @@ static void WritePlainZip(const char* path, const char* name, const char* conten
     Put32(file, crc), Put32(file, size), Put32(file, size);
     Put16(file, nameLength), Put16(file, 0);
     fwrite(name, 1, nameLength, file);
-    fwrite(content, 1, size, file);
+    fwrite(content, 1, real, file);
     Put32(file, 0x02014b50);
     Put16(file, 20), Put16(file, 10), Put16(file, 0), Put16(file, 0), Put32(file, dos);
     Put32(file, crc), Put32(file, size), Put32(file, size);
@@ -84,8 +85,12 @@ static void WritePlainZip(const char* path, const char* name, const char* conten
     fwrite(name, 1, nameLength, file);
     Put32(file, 0x06054b50);
     Put16(file, 0), Put16(file, 0), Put16(file, 1), Put16(file, 1);
-    Put32(file, 46 + nameLength), Put32(file, central), Put16(file, 0);
+    Put32(file, 46 + nameLength), Put32(file, 30 + nameLength + real), Put16(file, 0);
     fclose(file);
+}
+
+static void WritePlainZip(const char* path, const char* name, const char* content) {
+    WriteZip(path, name, content, 0);
 }
 
 static void WriteText(const char* path, const char* text) {
@@ -299,7 +304,8 @@ static void CheckNames(void) {
             Fail("QOBX_CodeName", kNames[i].name);
         }
     }
-    if (QOB_INTERNAL_INCONSISTENCY != INTERNAL_INCONSISTENCY || QOB_SUCCESS != SUCCESS) {
+    if (QOB_INTERNAL_INCONSISTENCY != INTERNAL_INCONSISTENCY || QOB_SUCCESS != SUCCESS ||
+        !HostNamesAgree()) {
         Fail("prefixed codes", "differ from the short ones");
     }
     if (strcmp(QOBX_Version(), QOB_VERSION_STRING) != 0) {
@@ -413,6 +419,22 @@ static void CheckReads(void) {
         }
         if (offset != kRawSize || memcmp(g_read, g_raw, kRawSize) != 0) {
             Fail("QOBX_ReadEntry streamed", "the entry did not come back whole");
+        }
+    }
+    /* A directory that claims 4 GiB in a file of 150 bytes: refused before anything is
+     * allocated or read. */
+    {
+        uint32_t read = 0;
+        uint32_t count = 0;
+        WriteZip("ext_lying.zip", "big.bin", "tiny", 0xFFFFFFFFu);
+        if (QOBX_ListEntries("ext_lying.zip", g_entriesSpare, 1, &count) != SUCCESS ||
+            g_entriesSpare[0].contentSize != 0xFFFFFFFFu) {
+            Fail("listing an entry that claims 4 GiB", "the claim is not shown as stored");
+        }
+        if (QOBX_ReadEntry("ext_lying.zip", "big.bin", 0, g_read, 16, &read) !=
+                CANNOT_READ_FILE_PCK ||
+            read != 0) {
+            Fail("reading an entry that claims 4 GiB", "not refused");
         }
     }
     /* A foreign zip's entry reads the same way. */

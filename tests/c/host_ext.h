@@ -5,6 +5,8 @@
 
 #include <qob/qob.h>
 
+/* host_names.c: the prefixed codes, with the short ones hidden; true when they agree. */
+int HostNamesAgree(void);
 /* In the current directory. */
 int CheckExtensions(void);
 /* dir is a file system too small for the package the check writes. */
