@@ -154,16 +154,20 @@ std::uint64_t BytesBehind(void* unzip, const std::string& name) {
 }
 
 // The handle, or its failure with the path and the system's reason: for a package that is
-// not there, why (no such file, a folder on the way that may not be searched); for one that
-// cannot be opened, the error of the last system call that failed while trying.
+// not there, why (no such file, a folder on the way that may not be searched); for a folder,
+// that it is one; for a file that cannot be opened, the error of the last system call that
+// failed while trying.
 std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
     Platform::ClearSystemError();
     try {
         return std::make_unique<MiniZip::Handle>(path, should_exist);
     } catch (Exception& e) {
         std::error_code cause;
+        std::error_code unknown;
         if (e.code() == PACKAGE_NOT_FOUND) {
             static_cast<void>(std::filesystem::symlink_status(path, cause));
+        } else if (std::filesystem::is_directory(std::filesystem::symlink_status(path, unknown))) {
+            cause = std::make_error_code(std::errc::is_a_directory); // a folder holds no zip
         } else if (e.code() == INTERNAL_INCONSISTENCY) {
             cause = Platform::LastSystemError();
             // A create that failed leaves the error of a fallback open of the missing file:
