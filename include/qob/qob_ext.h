@@ -5,6 +5,10 @@
  * package run in the same frame as the ten (the same locks, log lines and result codes) and,
  * like the ten, fill the calling thread's last-error record (QOBX_LastError). No memory is
  * owned by the library across calls: every output goes into host memory.
+ *
+ * Threads: every package call of every thread and process takes turns on one lock; a log sink
+ * is called on the thread making the call. The last-error record and the progress function
+ * belong to the calling thread; the built-in sink's level is the process's.
  */
 #ifndef QOB_QOB_EXT_H
 #define QOB_QOB_EXT_H
@@ -37,7 +41,18 @@ extern "C" {
 
 /**
  * Why the calling thread's last exported call failed (code SUCCESS and empty texts after a call
- * that succeeded). All texts are UTF-8 and zero-terminated, cut to fit.
+ * that succeeded). Filled by every call that returns a QobErrorCode_e; QOBX_LastError,
+ * QOBX_CodeName, QOBX_Version and the setters leave it alone. All texts are UTF-8 and
+ * zero-terminated, cut between characters to fit.
+ *
+ * The code and message are those the ten calls have always given; the system's reason is never
+ * appended to the message but given here apart. So INTERNAL_INCONSISTENCY keeps its fixed texts
+ * and the record tells them apart: a full disk is "minizip returned ZIP_ERRNO" with ENOSPC
+ * (ERROR_DISK_FULL), a package the user may not write the same with EACCES; "write error" and
+ * "read error" name the file copied and carry the system's error; a buffer too small names the
+ * entry; a name that is not UTF-8 carries EILSEQ; a file-system failure ("caught std: ...")
+ * carries its error and its path. When a failure names nothing itself, subject is the package
+ * the call was given.
  */
 typedef struct QOBX_Error {
     int32_t code;                   /**< a QobErrorCode_e */

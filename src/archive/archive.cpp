@@ -153,17 +153,56 @@ std::uint64_t BytesBehind(void* unzip, const std::string& name) {
     return total;
 }
 
-// The handle, or its failure with the path, and for a package that is not there the system's
-// reason (no such file, a folder on the way that may not be searched).
+// The handle, or its failure with the path and the system's reason: for a package that is
+// not there, why (no such file, a folder on the way that may not be searched); for a folder,
+// that it is one; for a file that cannot be opened, the error of the last system call that
+// failed while trying.
 std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
+    Platform::ClearSystemError();
     try {
         return std::make_unique<MiniZip::Handle>(path, should_exist);
     } catch (Exception& e) {
         std::error_code cause;
+        std::error_code unknown;
         if (e.code() == PACKAGE_NOT_FOUND) {
             static_cast<void>(std::filesystem::symlink_status(path, cause));
+        } else if (std::filesystem::is_directory(std::filesystem::symlink_status(path, unknown))) {
+            cause = std::make_error_code(std::errc::is_a_directory); // a folder holds no zip
+        } else if (e.code() == INTERNAL_INCONSISTENCY) {
+            cause = Platform::LastSystemError();
+            // A create that failed leaves the error of a fallback open of the missing file:
+            // the folder says why the file could not be made.
+            if (!should_exist) {
+                std::error_code missing;
+                const auto folder = std::filesystem::status(
+                    path.parent_path().empty() ? "." : path.parent_path(), missing);
+                if (missing) {
+                    cause = missing;
+                } else if (!std::filesystem::is_directory(folder)) {
+                    cause = std::make_error_code(std::errc::not_a_directory);
+                } else if (const std::error_code refused =
+                               Platform::CreateRefusedIn(path.parent_path())) {
+                    cause = refused;
+                }
+            }
         }
-        e.AddContext(cause, PathToUtf8(path));
+        e.AddContext(cause.value() != 0 ? cause : std::error_code(), PathToUtf8(path));
+        throw;
+    }
+}
+
+// Runs one step of the handle (opening a side, flushing) with the system's last error cleared,
+// so that an I/O failure it reports only by its fixed message (-15) carries the system's
+// reason from that step, never an older one.
+template <class Step> auto WithSystemCause(Step&& step) -> decltype(step()) {
+    Platform::ClearSystemError();
+    try {
+        return step();
+    } catch (Exception& e) {
+        const std::error_code cause = Platform::LastSystemError();
+        if (e.code() == INTERNAL_INCONSISTENCY && cause.value() != 0) {
+            e.AddContext(cause, {});
+        }
         throw;
     }
 }
@@ -196,13 +235,21 @@ Archive::~Archive() {
     }
 }
 
+void* Archive::Zip() {
+    return WithSystemCause([this] { return handle_->Zip(); });
+}
+
+void* Archive::Unzip() {
+    return WithSystemCause([this] { return handle_->Unzip(); });
+}
+
 const char* Archive::Name() const noexcept {
     return handle_->Path().c_str();
 }
 
 void Archive::Flush() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
-    handle_->Flush();
+    WithSystemCause([this] { handle_->Flush(); });
 }
 
 void Archive::Close() {
@@ -212,7 +259,7 @@ void Archive::Close() {
 
 std::vector<Entry> Archive::List() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::List", Name()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     std::vector<Entry> entries;
     int result = unzGoToFirstFile(unzip);
     while (result == UNZ_OK) {
@@ -229,7 +276,7 @@ std::vector<Entry> Archive::List() {
 bool Archive::Contains(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Contains path=\"%s\"", Name(), path.CStr()));
-    const int result = unzLocateFile(handle_->Unzip(), path.CStr());
+    const int result = unzLocateFile(Unzip(), path.CStr());
     if (result == UNZ_END_OF_LIST_OF_FILE) {
         return false;
     }
@@ -242,7 +289,7 @@ bool Archive::Contains(const Path& path) {
 
 Entry Archive::Get(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Get path=\"%s\"", Name(), path.CStr()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
     return GetCurrent(unzip);
 }
@@ -250,7 +297,7 @@ Entry Archive::Get(const Path& path) {
 std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Read path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckEntryWithin(unzip, entry, limit);
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
@@ -289,7 +336,7 @@ void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
                                static_cast<std::size_t>(entry.content_size), length),
                         {}, entry.path);
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     TryRead(unzip, buffer, entry.content_size);
     ReadEnd(unzip, entry);
@@ -322,7 +369,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
     if (std::filesystem::create_directories(base)) {
         LogInfo(Format("Archive::Extract: created directory \"%s\"", PathToUtf8(base).c_str()));
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
 
@@ -365,7 +412,7 @@ std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::by
     }
     const auto length =
         static_cast<std::size_t>(std::min<std::uint64_t>(size, entry.content_size - offset));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
     const Deferred close(DeferCondition::Always, [unzip] { unzCloseCurrentFile(unzip); });
@@ -390,7 +437,7 @@ std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::by
 void Archive::Check(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Check path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
     ReadInRounds(unzip, entry.content_size, [](const std::byte*, std::size_t) {});
@@ -415,7 +462,7 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
     const std::string source = PathToUtf8(external);
     const OperationTrail trail(Format("Archive::[\"%s\"]::Insert int=\"%s\" ext=\"%s\" padding=%zu",
                                       Name(), internal.CStr(), source.c_str(), padding));
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::uint64_t length = std::filesystem::file_size(external);
     const std::tm time = GetFileModificationTime(external);
     WriteBegin(zip, internal, time, length, padding);
@@ -459,7 +506,7 @@ void Archive::Insert(const Path& path, const std::byte* content, std::size_t len
     if (content == nullptr) {
         throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to content");
     }
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::tm time = Platform::LocalTime(Platform::CurrentTime());
     WriteBegin(zip, path, time, length, padding);
     CheckZipCall([&] { return zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)); });
@@ -487,7 +534,7 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
         checkedBytes_ -= kept->second.content.size();
         checked_.erase(kept);
     }
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     CheckZipCall([&] {
         return zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length));
     });
@@ -495,7 +542,7 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
 }
 
 bool Archive::Holds(const Path& path, const std::byte* content, std::size_t length) {
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     if (unzLocateFile(unzip, path.CStr()) != UNZ_OK) {
         return false;
     }
@@ -531,11 +578,11 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
 void Archive::Remove(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
-    ProgressScope progress(ProgressWanted() ? BytesBehind(handle_->Unzip(), path.Sanitized()) : 0);
+    ProgressScope progress(ProgressWanted() ? BytesBehind(Unzip(), path.Sanitized()) : 0);
     // Entries behind the removed one move.
     checked_.clear();
     checkedBytes_ = 0;
-    CheckZipCall([&] { return zipRemoveFileInZip(handle_->Zip(), path.CStr()); });
+    CheckZipCall([&] { return zipRemoveFileInZip(Zip(), path.CStr()); });
     Flush();
     progress.Finish();
 }

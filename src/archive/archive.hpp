@@ -86,6 +86,9 @@ public:
 
 private:
     const char* Name() const noexcept;
+    // The handle's sides; a failure to switch carries the system's reason.
+    void* Zip();
+    void* Unzip();
     void WriteOut(const Entry& entry, const std::filesystem::path& root,
                   const std::filesystem::path& relative);
     // Hands the open entry's next size bytes to sink, one buffer at a time.

@@ -101,5 +101,8 @@ std::error_code LastSystemError() noexcept;
 std::error_code SystemError(int value) noexcept;
 // Forgets the last failure, so that what LastSystemError reads next is new.
 void ClearSystemError() noexcept;
+// Why this user may not create files in folder, asked after a create there failed; none when
+// the system does not say (or would allow it).
+std::error_code CreateRefusedIn(const std::filesystem::path& folder) noexcept;
 
 } // namespace QOB::Platform

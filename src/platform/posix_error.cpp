@@ -3,6 +3,8 @@
 #include "platform/platform.hpp"
 
 #include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace QOB::Platform {
 
@@ -16,6 +18,14 @@ std::error_code SystemError(int value) noexcept {
 
 void ClearSystemError() noexcept {
     errno = 0;
+}
+
+std::error_code CreateRefusedIn(const std::filesystem::path& folder) noexcept {
+    const char* name = folder.empty() ? "." : folder.c_str();
+    if (::faccessat(AT_FDCWD, name, W_OK | X_OK, AT_EACCESS) != 0) {
+        return LastSystemError();
+    }
+    return {};
 }
 
 } // namespace QOB::Platform

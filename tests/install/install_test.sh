@@ -9,7 +9,7 @@ consumer=$2
 cc=$3
 name=install_test
 source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
-[[ -f $prefix/include/qob/qob.h ]] || fail "header not installed"
+[[ -f $prefix/include/qob/qob.h && -f $prefix/include/qob/qob_ext.h ]] || fail "headers not installed"
 pc=$(find "$prefix" -name qob.pc -path '*/pkgconfig/*')
 [[ -n $pc ]] || fail "qob.pc not installed"
 libdir=$(dirname "$(dirname "$pc")")
@@ -32,7 +32,7 @@ echo "--- cpack"
 tarball=$(find "$work/pack" -maxdepth 1 -name 'qob-*.tar.gz')
 [[ -n $tarball ]] || fail "no .tar.gz"
 listing=$(tar -tzf "$tarball")
-for file in include/qob/qob.h lib/libqob.so lib/cmake/qob/qobConfig.cmake bin/qob; do
+for file in include/qob/qob.h include/qob/qob_ext.h lib/libqob.so lib/cmake/qob/qobConfig.cmake bin/qob; do
   grep -q "^\(\./\)\?$file\$" <<<"$listing" || fail "$file missing from the .tar.gz: $listing"
 done
 
@@ -75,6 +75,7 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 # pkg-config escapes the spaces in them with backslashes: let the shell undo that.
 eval "flags=($(pkg-config --cflags --libs qob))"
 [[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
-"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/../../c/c_host.c" "${flags[@]}" \
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/../../c/c_host.c" \
+  "$consumer/../../c/host_ext.c" "$consumer/../../c/host_system.c" "${flags[@]}" \
   -Wl,-rpath,"$libdir"
 "$work/pc-consumer" "$work"
