@@ -12,7 +12,7 @@ wine_run=$4
 version=$5
 name=windows_install_test
 source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
-expected=(bin/qob.dll bin/qob.exe lib/qob.lib lib/libqob.dll.a include/qob/qob.h
+expected=(bin/qob.dll bin/qob.exe lib/qob.lib lib/libqob.dll.a include/qob/qob.h include/qob/qob_ext.h
   lib/cmake/qob/qobConfig.cmake lib/cmake/qob/qobConfigVersion.cmake lib/cmake/qob/qobTargets.cmake
   README.md)
 for file in "${expected[@]}"; do
