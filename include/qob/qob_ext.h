@@ -119,7 +119,8 @@ QOB_API void QOBX_SetLogLevel(int32_t level);
  * Progress of long work on the calling thread: fn is called from inside the call with the
  * bytes done and the bytes in all (a create's contents, an extraction's files, the bytes a
  * removal moves), at most a few times a second, and once more with done equal to the total
- * when the work is complete. A null fn turns it off. Per thread.
+ * when the work is complete. A null fn turns it off. Per thread. fn must not call the library:
+ * the call it reports on holds the package's locks.
  */
 typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
 QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);
