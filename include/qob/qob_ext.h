@@ -56,9 +56,11 @@ extern "C" {
  */
 typedef struct QOBX_Error {
     int32_t code;                   /**< a QobErrorCode_e */
-    int32_t systemError;            /**< errno (Linux) or GetLastError (Windows); 0: none */
+    int32_t systemError;            /**< errno, or GetLastError on Windows (errno for some
+                                         file-system queries there); 0: none */
     char codeName[32];              /**< the code's name, "SUCCESS" for 0 */
-    char message[QOBX_MAX_MESSAGE]; /**< the log line's text after "<call>: [<code name>] " */
+    char message[QOBX_MAX_MESSAGE]; /**< the failure line's text after "<call>: " and any
+                                         "[<code name>] " */
     char systemMessage[256];        /**< the system's text for systemError; "" when none */
     char subject[QOBX_MAX_MESSAGE]; /**< the path or entry name concerned; "" when none */
 } QOBX_Error;
@@ -69,7 +71,7 @@ typedef struct QOBX_EntryStat {
     uint64_t contentSize;     /**< bytes of content, padding excluded */
     uint64_t allocatedSize;   /**< content plus reserved zero padding, as stored */
     uint64_t dataOffset;      /**< where the stored data starts, counted from the file's start */
-    uint32_t crc32;           /**< the CRC-32 the central directory gives for the content */
+    uint32_t crc32;           /**< the central directory's CRC-32 (content and padding) */
     uint32_t method;          /**< 0 stored, 8 deflated */
     uint32_t dosTime;         /**< stored local DOS date (high 16 bits) and time (low 16 bits) */
     uint32_t reserved;        /**< zero */
@@ -108,15 +110,17 @@ QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szE
                                       uint64_t offset, void* buffer, uint32_t size, uint32_t* read);
 
 /**
- * The lowest level (0 FATAL ... 5 TRACE) the built-in sink prints; lines above it are dropped.
- * The default, 5, prints every line. A host's own sink always gets every line.
+ * The most detailed level (0 FATAL ... 5 TRACE) the built-in sink prints; lines of a higher
+ * level are dropped. The default, 5, prints every line. A host's own sink gets every line.
  */
 QOB_API void QOBX_SetLogLevel(int32_t level);
 
 /**
- * Progress of long work (create, extract, removal of an entry) on the calling thread:
- * fn is called with the bytes done and the bytes in all, at most a few times a second, from
- * inside the call. A null fn turns it off. Per thread.
+ * Progress of long work on the calling thread: fn is called from inside the call with the
+ * bytes done and the bytes in all (a create's contents, an extraction's files, the bytes a
+ * removal moves), at most a few times a second, and once more with done equal to the total
+ * when the work is complete. A null fn turns it off. Per thread. fn must not call the library:
+ * the call it reports on holds the package's locks.
  */
 typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
 QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);

@@ -1,6 +1,7 @@
 #include "archive/archive.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/failure_cause.hpp"
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/unzip_state.hpp"
@@ -153,64 +154,15 @@ std::uint64_t BytesBehind(void* unzip, const std::string& name) {
     return total;
 }
 
-// The handle, or its failure with the path and the system's reason: for a package that is
-// not there, why (no such file, a folder on the way that may not be searched); for a folder,
-// that it is one; for a file that cannot be opened, the error of the last system call that
-// failed while trying.
+// The handle; a failure to open it says why, as far as the system can tell.
 std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
     Platform::ClearSystemError();
     try {
         return std::make_unique<MiniZip::Handle>(path, should_exist);
     } catch (Exception& e) {
-        std::error_code cause;
-        std::error_code unknown;
-        if (e.code() == PACKAGE_NOT_FOUND) {
-            static_cast<void>(std::filesystem::symlink_status(path, cause));
-        } else if (std::filesystem::is_directory(std::filesystem::symlink_status(path, unknown))) {
-            cause = std::make_error_code(std::errc::is_a_directory); // a folder holds no zip
-        } else if (e.code() == INTERNAL_INCONSISTENCY) {
-            cause = Platform::LastSystemError();
-            // A create that failed leaves the error of a fallback open of the missing file:
-            // the folder says why the file could not be made.
-            if (!should_exist) {
-                std::error_code missing;
-                const auto folder = std::filesystem::status(
-                    path.parent_path().empty() ? "." : path.parent_path(), missing);
-                if (missing) {
-                    cause = missing;
-                } else if (!std::filesystem::is_directory(folder)) {
-                    cause = std::make_error_code(std::errc::not_a_directory);
-                } else if (const std::error_code refused =
-                               Platform::CreateRefusedIn(path.parent_path())) {
-                    cause = refused;
-                }
-            }
-        }
-        e.AddContext(cause.value() != 0 ? cause : std::error_code(), PathToUtf8(path));
+        ExplainOpenFailure(e, path, should_exist);
         throw;
     }
-}
-
-// Runs one step of the handle (opening a side, flushing) with the system's last error cleared,
-// so that an I/O failure it reports only by its fixed message (-15) carries the system's
-// reason from that step, never an older one.
-template <class Step> auto WithSystemCause(Step&& step) -> decltype(step()) {
-    Platform::ClearSystemError();
-    try {
-        return step();
-    } catch (Exception& e) {
-        const std::error_code cause = Platform::LastSystemError();
-        if (e.code() == INTERNAL_INCONSISTENCY && cause.value() != 0) {
-            e.AddContext(cause, {});
-        }
-        throw;
-    }
-}
-
-// Where a copy failed: the file it read or wrote, and the system's reason when it gave one.
-[[noreturn]] void CopyFailed(const char* text, std::error_code cause,
-                             const std::filesystem::path& file) {
-    throw Exception(INTERNAL_INCONSISTENCY, text, cause, PathToUtf8(file));
 }
 
 struct OutputCloser {

@@ -1,6 +1,7 @@
 #include "package/package_content.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/failure_cause.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/utf8_path.hpp"
@@ -19,23 +20,20 @@ std::filesystem::path SourcePath(const QOB_EntryInfo& entry) {
 // carries the system's reason when the system gave one.
 std::vector<std::byte> ReadWholeFile(std::ifstream& in, std::uint64_t size,
                                      const std::filesystem::path& file) {
-    const auto fail = [&](const char* text, std::error_code cause) {
-        throw Exception(INTERNAL_INCONSISTENCY, text, cause, PathToUtf8(file));
-    };
     std::vector<std::byte> bytes(static_cast<std::size_t>(size));
     Platform::ClearSystemError();
     in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
     if (in.bad()) {
-        fail("read error", Platform::LastSystemError());
+        CopyFailed("read error", Platform::LastSystemError(), file);
     }
     if (in.eof()) {
-        fail("file smaller than expected", {});
+        CopyFailed("file smaller than expected", {}, file);
     }
     if (static_cast<std::uint64_t>(in.gcount()) != size) {
-        fail("didn't read enough", {});
+        CopyFailed("didn't read enough", {}, file);
     }
     if (in.peek() != std::ifstream::traits_type::eof()) {
-        fail("file larger than expected", {});
+        CopyFailed("file larger than expected", {}, file);
     }
     return bytes;
 }

@@ -76,6 +76,7 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 eval "flags=($(pkg-config --cflags --libs qob))"
 [[ " ${flags[*]} " == *" -I"*"/include "* ]] || fail "no include flag: ${flags[*]}"
 "$cc" -std=c11 -Wall -Wextra -Werror -o "$work/pc-consumer" "$consumer/../../c/c_host.c" \
-  "$consumer/../../c/host_ext.c" "$consumer/../../c/host_system.c" "${flags[@]}" \
+  "$consumer/../../c/host_ext.c" "$consumer/../../c/host_names.c" "$consumer/../../c/host_system.c" \
+  "${flags[@]}" \
   -Wl,-rpath,"$libdir"
 "$work/pc-consumer" "$work"
