@@ -1,5 +1,5 @@
-# cmake --install: the public header, the library, a CMake package (find_package(qob) gives
-# qob::qob) and a pkg-config file.
+# cmake --install: the public headers, the library, a CMake package (find_package(qob) gives
+# qob::qob), a pkg-config file and the licence (the tool and its man page: tools/qob).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -9,7 +9,7 @@ install(TARGETS qob EXPORT qobTargets
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/include/qob/qob.h
+install(FILES ${PROJECT_SOURCE_DIR}/include/qob/qob.h ${PROJECT_SOURCE_DIR}/include/qob/qob_ext.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qob)
 install(EXPORT qobTargets NAMESPACE qob:: DESTINATION ${QOB_CMAKE_DIR})
 
@@ -25,3 +25,15 @@ install(FILES ${PROJECT_BINARY_DIR}/qobConfig.cmake ${PROJECT_BINARY_DIR}/qobCon
 file(RELATIVE_PATH QOB_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/qob.pc.in ${PROJECT_BINARY_DIR}/qob.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qob.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The licence travels with every form of the library: the CMake package and the archives get
+# LICENSE; on Linux the documentation directory also gets it as "copyright", where Debian's
+# tools and users look for it.
+if(WIN32)
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
+else()
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR}
+          RENAME copyright)
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${QOB_CMAKE_DIR})

@@ -8,6 +8,8 @@ packages=(
   g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
   python3 python3-pytest python3-setuptools python3-pip unzip zip p7zip-full libarchive-tools
   util-linux clang lld llvm # clang and lld: the MSVC-mode host of the Windows suite, qob.lib
+  libcli11-dev nlohmann-json3-dev # the tool's arguments and JSON (header-only)
+  doxygen dpkg-dev tmux # reference docs; cpack -G DEB; the tool's progress bar on a terminal
 )
 if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(libclang-rt-14-dev)

@@ -5,12 +5,17 @@
  * package run in the same frame as the ten (the same locks, log lines and result codes) and,
  * like the ten, fill the calling thread's last-error record (QOBX_LastError). No memory is
  * owned by the library across calls: every output goes into host memory.
+ *
+ * Threads: every package call of every thread and process takes turns on one lock; a log sink
+ * is called on the thread making the call. The last-error record and the progress function
+ * belong to the calling thread; the built-in sink's level is the process's.
  */
 #ifndef QOB_QOB_EXT_H
 #define QOB_QOB_EXT_H
 
 #include "qob/qob.h"
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -20,13 +25,14 @@ extern "C" {
 /** @name Version
  *  The version of the headers a host was compiled with; QOBX_Version gives the library's. */
 /** @{ */
-#define QOB_VERSION_MAJOR 1
-#define QOB_VERSION_MINOR 1
+#define QOB_VERSION_MAJOR 0
+#define QOB_VERSION_MINOR 2
 #define QOB_VERSION_PATCH 0
-#define QOB_VERSION_STRING "1.1.0"
+#define QOB_VERSION_STRING "0.2.0"
 /** @} */
 
-/** Longest entry name, in bytes of UTF-8 with its terminating zero, that a listing returns. */
+/** Longest entry name, in bytes of UTF-8 with its terminating zero, that a listing returns: a
+ *  package holding a longer one cannot be listed (CANNOT_READ_FILE_PCK, the name as subject). */
 #define QOBX_MAX_NAME 1024
 /** Size of the text fields of the last-error record. */
 #define QOBX_MAX_MESSAGE 1024
@@ -35,15 +41,28 @@ extern "C" {
 
 /**
  * Why the calling thread's last exported call failed (code SUCCESS and empty texts after a call
- * that succeeded). All texts are UTF-8 and zero-terminated, cut to fit.
+ * that succeeded). Filled by every call that returns a QobErrorCode_e; QOBX_LastError,
+ * QOBX_CodeName, QOBX_Version and the setters leave it alone. All texts are UTF-8 and
+ * zero-terminated, cut between characters to fit.
+ *
+ * The code and message are those the ten calls have always given; the system's reason is never
+ * appended to the message but given here apart. So INTERNAL_INCONSISTENCY keeps its fixed texts
+ * and the record tells them apart: a full disk is "minizip returned ZIP_ERRNO" with ENOSPC
+ * (ERROR_DISK_FULL), a package the user may not write the same with EACCES; "write error" and
+ * "read error" name the file copied and carry the system's error; a buffer too small names the
+ * entry; a name that is not UTF-8 carries EILSEQ; a file-system failure ("caught std: ...")
+ * carries its error and its path. When a failure names nothing itself, subject is the package
+ * the call was given.
  */
 typedef struct QOBX_Error {
-    int32_t code;                        /**< a QobErrorCode_e */
-    int32_t systemError;                 /**< errno (Linux) or GetLastError (Windows); 0: none */
-    char codeName[32];                   /**< the code's name, "SUCCESS" for 0 */
-    char message[QOBX_MAX_MESSAGE];      /**< the failure's message, as the log line gives it */
-    char systemMessage[256];             /**< the system's text for systemError; "" when none */
-    char subject[QOBX_MAX_MESSAGE];      /**< the path or entry name concerned; "" when none */
+    int32_t code;                   /**< a QobErrorCode_e */
+    int32_t systemError;            /**< errno, or GetLastError on Windows (errno for some
+                                         file-system queries there); 0: none */
+    char codeName[32];              /**< the code's name, "SUCCESS" for 0 */
+    char message[QOBX_MAX_MESSAGE]; /**< the failure line's text after "<call>: " and any
+                                         "[<code name>] " */
+    char systemMessage[256];        /**< the system's text for systemError; "" when none */
+    char subject[QOBX_MAX_MESSAGE]; /**< the path or entry name concerned; "" when none */
 } QOBX_Error;
 
 /** One zip entry of a package, as QOBX_ListEntries gives it. */
@@ -52,11 +71,11 @@ typedef struct QOBX_EntryStat {
     uint64_t contentSize;     /**< bytes of content, padding excluded */
     uint64_t allocatedSize;   /**< content plus reserved zero padding, as stored */
     uint64_t dataOffset;      /**< where the stored data starts, counted from the file's start */
-    uint32_t crc32;           /**< the CRC-32 the central directory gives for the content */
+    uint32_t crc32;           /**< the central directory's CRC-32 (content and padding) */
     uint32_t method;          /**< 0 stored, 8 deflated */
     uint32_t dosTime;         /**< stored local DOS date (high 16 bits) and time (low 16 bits) */
     uint32_t reserved;        /**< zero */
-    int64_t unixTime;         /**< dosTime as UTC seconds, read in the machine's time zone */
+    int64_t unixTime; /**< dosTime as UTC seconds, read in the machine's time zone; 0 if invalid */
 } QOBX_EntryStat;
 
 #pragma pack(pop)
@@ -82,23 +101,26 @@ QOB_API QobErrorCode_e QOBX_ListEntries(const char* szPackagePath, QOBX_EntrySta
  * Reads up to size bytes of one entry's content, from offset on, into buffer; *read is set to
  * what was read (0 at or past the end). The entry is named exactly as the listing gives it.
  * Stateless: a host streams an entry of any size in constant memory with successive calls. The
- * CRC-32 is checked when a read reaches the content's end. Reading a deflated entry from an
- * offset costs time in proportion to the offset.
+ * CRC-32 is checked when a read reaches the content's end: that read goes through the whole
+ * entry (zero padding included), so streaming an entry costs one extra pass. Other reads of a
+ * stored entry go straight to their bytes; reading a deflated entry from an offset costs time
+ * in proportion to the offset.
  */
 QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szEntryName,
-                                      uint64_t offset, void* buffer, uint32_t size,
-                                      uint32_t* read);
+                                      uint64_t offset, void* buffer, uint32_t size, uint32_t* read);
 
 /**
- * The lowest level (0 FATAL ... 5 TRACE) the built-in sink prints; lines above it are dropped.
- * The default, 5, prints every line. A host's own sink always gets every line.
+ * The most detailed level (0 FATAL ... 5 TRACE) the built-in sink prints; lines of a higher
+ * level are dropped. The default, 5, prints every line. A host's own sink gets every line.
  */
 QOB_API void QOBX_SetLogLevel(int32_t level);
 
 /**
- * Progress of long work (create, extract, remove of a large entry, reads) on the calling thread:
- * fn is called with the bytes done and the bytes in all, at most a few times a second, from
- * inside the call. A null fn turns it off. Per thread.
+ * Progress of long work on the calling thread: fn is called from inside the call with the
+ * bytes done and the bytes in all (a create's contents, an extraction's files, the bytes a
+ * removal moves), at most a few times a second, and once more with done equal to the total
+ * when the work is complete. A null fn turns it off. Per thread. fn must not call the library:
+ * the call it reports on holds the package's locks.
  */
 typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
 QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);
@@ -106,5 +128,30 @@ QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
+
+/* The record layout is ABI: pin every size and offset. */
+#ifdef __cplusplus
+#define QOBX_STATIC_ASSERT(c, m) static_assert(c, m)
+#else
+#define QOBX_STATIC_ASSERT(c, m) _Static_assert(c, m)
+#endif
+#define QOBX_CHECK_OFFSET(T, f, o) QOBX_STATIC_ASSERT(offsetof(T, f) == (o), #T "." #f " offset")
+QOBX_STATIC_ASSERT(sizeof(QOBX_Error) == 2344, "QOBX_Error size");
+QOBX_CHECK_OFFSET(QOBX_Error, systemError, 4);
+QOBX_CHECK_OFFSET(QOBX_Error, codeName, 8);
+QOBX_CHECK_OFFSET(QOBX_Error, message, 40);
+QOBX_CHECK_OFFSET(QOBX_Error, systemMessage, 1064);
+QOBX_CHECK_OFFSET(QOBX_Error, subject, 1320);
+QOBX_STATIC_ASSERT(sizeof(QOBX_EntryStat) == 1072, "QOBX_EntryStat size");
+QOBX_CHECK_OFFSET(QOBX_EntryStat, contentSize, 1024);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, allocatedSize, 1032);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, dataOffset, 1040);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, crc32, 1048);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, method, 1052);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, dosTime, 1056);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, reserved, 1060);
+QOBX_CHECK_OFFSET(QOBX_EntryStat, unixTime, 1064);
+#undef QOBX_CHECK_OFFSET
+#undef QOBX_STATIC_ASSERT
 
 #endif /* QOB_QOB_EXT_H */

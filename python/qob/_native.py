@@ -4,22 +4,11 @@ import ctypes.util
 import logging
 import os
 import sys
-import threading
 from pathlib import Path
 
 MAX_PATH = 260
 MANIFEST_COUNT = 23
 MANIFEST_SIZE = 16384
-
-# Result codes (QobErrorCode_e), in the header's order.
-RESULT_NAMES = {
-    0: "SUCCESS", -1: "FILE_NOT_FOUND", -2: "FILE_NOT_IN_PACKAGE",
-    -3: "DIRECTORY_DOESNOT_EXIST", -4: "CREATE_DIRECTORY", -5: "EXTRACT_FILE",
-    -6: "INVALID_POINTER", -7: "INVALID_PARAMETER", -8: "PACKAGE_NOT_FOUND",
-    -9: "CANNOT_OPEN_FILE_PCK", -10: "CANNOT_READ_FILE_PCK", -11: "FILE_COUNT_EXCEEDS_MAX",
-    -12: "PACKAGEVERSION_NOT_SUPPORTED", -13: "CANNOT_DELETE_INTERNAL_FILE",
-    -14: "CANNOT_REMOVE_FILE", -15: "INTERNAL_INCONSISTENCY", -100: "FUNC_NOT_IMPL",
-}
 
 # QOB_ObjectType, QOB_ExtractMode, QOB_CreateMode
 OBJECT_PACKAGE_INFO, OBJECT_IMAGE_FILES, OBJECT_UPDATE_ARGS = 0, 1, 2
@@ -73,9 +62,34 @@ class ExtractArgs(ctypes.Structure):
                 ("uBufferSize", ctypes.c_uint32)]
 
 
+MAX_NAME = 1024     # QOBX_MAX_NAME
+MAX_MESSAGE = 1024  # QOBX_MAX_MESSAGE
+
+
+class LastError(ctypes.Structure):
+    """QOBX_Error: why the calling thread's last call failed."""
+    _pack_ = 4
+    _fields_ = [("code", ctypes.c_int32), ("systemError", ctypes.c_int32),
+                ("codeName", ctypes.c_char * 32), ("message", ctypes.c_char * MAX_MESSAGE),
+                ("systemMessage", ctypes.c_char * 256), ("subject", ctypes.c_char * MAX_MESSAGE)]
+
+
+class EntryStat(ctypes.Structure):
+    """QOBX_EntryStat: one zip entry of a package."""
+    _pack_ = 4
+    _fields_ = [("name", ctypes.c_char * MAX_NAME), ("contentSize", ctypes.c_uint64),
+                ("allocatedSize", ctypes.c_uint64), ("dataOffset", ctypes.c_uint64),
+                ("crc32", ctypes.c_uint32), ("method", ctypes.c_uint32),
+                ("dosTime", ctypes.c_uint32), ("reserved", ctypes.c_uint32),
+                ("unixTime", ctypes.c_int64)]
+
+
+ProgressFn = ctypes.CFUNCTYPE(None, ctypes.c_uint64, ctypes.c_uint64, ctypes.c_void_p)
+
 # The header pins these sizes; a mismatch would corrupt memory, so refuse to go on.
 RECORD_SIZES = {EntryInfo: 812, ImageFiles: 4084, PackageInfo: 381176, CreateArgs: 4344,
-                UpdateArgs: 385520, ExtractArgs: 1348}
+                UpdateArgs: 385520, ExtractArgs: 1348,
+                LastError: 2344, EntryStat: 1072}
 for _record, _size in RECORD_SIZES.items():
     if ctypes.sizeof(_record) != _size:
         raise ImportError(f"qob: {_record.__name__} is {ctypes.sizeof(_record)} bytes, "
@@ -125,7 +139,6 @@ class Library:
     def __init__(self, path):
         self.path = str(path)
         self.dll = ctypes.CDLL(self.path)
-        self._local = threading.local()
         self._declare()
         self._sink = LogFn(self._on_log)  # kept alive as long as the library
         for name in SET_LOG_FN_NAMES:
@@ -136,6 +149,7 @@ class Library:
             set_log.argtypes = [LogFn, ctypes.c_void_p]
             set_log.restype = None
             set_log(self._sink, None)
+            self.set_log = set_log  # QOB_SetLogFn
             break
         else:
             raise OSError(f"{self.path}: exports no QOB_SetLogFn")
@@ -143,42 +157,45 @@ class Library:
     def _declare(self):
         d, c = self.dll, ctypes
         signatures = {
-            "QOB_Create": [c.POINTER(CreateArgs)],
-            "QOB_Extract": [c.POINTER(ExtractArgs)],
-            "QOB_Update": [c.POINTER(UpdateArgs)],
-            "QOB_GetPackageInfo": [c.POINTER(PackageInfo)],
-            "QOB_GetLensCastCalibInfo": [c.c_char_p, c.c_char_p, c.POINTER(EntryInfo)],
-            "QOB_IsQob": [c.c_char_p],
-            "QOB_RemoveEntry": [c.c_char_p, c.c_char_p],
-            "QOB_Constructor": [c.c_void_p, c.c_int],
-            "QOB_Destructor": [c.c_void_p, c.c_int],
+            "QOB_Create": ([c.POINTER(CreateArgs)], c.c_int),
+            "QOB_Extract": ([c.POINTER(ExtractArgs)], c.c_int),
+            "QOB_Update": ([c.POINTER(UpdateArgs)], c.c_int),
+            "QOB_GetPackageInfo": ([c.POINTER(PackageInfo)], c.c_int),
+            "QOB_GetLensCastCalibInfo": ([c.c_char_p, c.c_char_p, c.POINTER(EntryInfo)],
+                                         c.c_int),
+            "QOB_IsQob": ([c.c_char_p], c.c_int),
+            "QOB_RemoveEntry": ([c.c_char_p, c.c_char_p], c.c_int),
+            "QOB_Constructor": ([c.c_void_p, c.c_int], c.c_int),
+            "QOB_Destructor": ([c.c_void_p, c.c_int], c.c_int),
+            "QOBX_Version": ([], c.c_char_p),
+            "QOBX_LastError": ([c.POINTER(LastError)], c.c_int),
+            "QOBX_CodeName": ([c.c_int32], c.c_char_p),
+            "QOBX_ListEntries": ([c.c_char_p, c.POINTER(EntryStat), c.c_uint32,
+                                  c.POINTER(c.c_uint32)], c.c_int),
+            "QOBX_ReadEntry": ([c.c_char_p, c.c_char_p, c.c_uint64, c.c_void_p, c.c_uint32,
+                                c.POINTER(c.c_uint32)], c.c_int),
+            "QOBX_SetLogLevel": ([c.c_int32], None),
+            "QOBX_SetProgressFn": ([ProgressFn, c.c_void_p], None),
         }
-        for name, argtypes in signatures.items():
+        for name, (argtypes, restype) in signatures.items():
             function = getattr(d, name)
             function.argtypes = argtypes
-            function.restype = c.c_int
+            function.restype = restype
             setattr(self, name, function)
 
     def _on_log(self, level, text, _user):
         line = text.decode("utf-8", "replace") if text else ""
         # "[QOB][ERROR] message": the level travels separately.
         message = line[13:] if line.startswith("[QOB][") and len(line) > 12 else line
-        if level <= 1:
-            self._local.errors = getattr(self._local, "errors", []) + [message]
         logger.log(LEVELS.get(level, logging.DEBUG), "%s", message)
 
+    def last_error(self) -> LastError:
+        """The calling thread's last-error record."""
+        record = LastError()
+        self.QOBX_LastError(ctypes.byref(record))
+        return record
+
     def call(self, name, *args):
-        """Runs one export; returns its result code and the library's message for a failure."""
-        self._local.errors = []
+        """Runs one export; returns its result code and, for a failure, the last-error record."""
         result = getattr(self, name)(*args)
-        if result == 0:
-            return 0, ""
-        # The frame's last line reads "<function>: [<NAME>] <message>".
-        lead = name + ": "
-        message = ""
-        for line in getattr(self._local, "errors", []):
-            if line.startswith(lead):
-                message = line[len(lead):]
-                if message.startswith("[") and "] " in message:
-                    message = message[message.index("] ") + 2:]
-        return result, message
+        return (0, None) if result == 0 else (result, self.last_error())

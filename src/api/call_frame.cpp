@@ -1,6 +1,13 @@
 #include "api/call_frame.hpp"
 
+#include "platform/platform.hpp"
+#include "support/utf8_path.hpp"
+
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <system_error>
 
 namespace QOB {
 
@@ -20,6 +27,77 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
     } else {
         LogTrace(line);
     }
+}
+
+namespace {
+
+// The log line's text, which is also the record's message.
+void Report(LogLevel level, const char* name, const std::string& text) noexcept {
+    try {
+        Log(level, Format("%s: %s", name, text.c_str()));
+    } catch (...) {
+    }
+}
+
+std::string Given(CallSubject subject) noexcept {
+    if (subject.text == nullptr) {
+        return {};
+    }
+    try {
+        const std::size_t length = strnlen(subject.text, subject.size);
+        // Unterminated within its field: not a path the call could have used.
+        return length < subject.size ? std::string(subject.text, length) : std::string();
+    } catch (...) {
+        return {};
+    }
+}
+
+void Record(QobErrorCode_e code, const std::string& text, const std::error_code& cause,
+            const std::string& subject, CallSubject given) {
+    SetLastError(code, text, cause.value(), cause ? cause.message() : std::string(),
+                 subject.empty() ? Given(given) : subject);
+}
+
+} // namespace
+
+QobErrorCode_e ReportFailure(const char* name, CallSubject given) noexcept {
+    // Running out of memory while reporting must still return the code: the outer try
+    // keeps what was learnt before.
+    QobErrorCode_e code = INTERNAL_INCONSISTENCY;
+    try {
+        try {
+            throw;
+        } catch (const Exception& e) {
+            code = e.code();
+            Report(LogLevel::Error, name, e.what());
+            Record(code, e.text(), e.cause(), e.subject(), given);
+            return code;
+        } catch (const std::bad_alloc& e) {
+            const std::string text = std::string("failed to allocate memory: ") + e.what();
+            Report(LogLevel::Fatal, name, text);
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
+        } catch (const std::filesystem::filesystem_error& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            Record(INTERNAL_INCONSISTENCY, text, e.code(), PathToUtf8(e.path1()), given);
+        } catch (const std::system_error& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            Record(INTERNAL_INCONSISTENCY, text, e.code(), {}, given);
+        } catch (const std::exception& e) {
+            const std::string text = std::string("caught std: ") + e.what();
+            Report(LogLevel::Error, name, text);
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
+        } catch (...) {
+            const std::string text = "caught unknown exception";
+            Report(LogLevel::Error, name, text);
+            Record(INTERNAL_INCONSISTENCY, text, {}, {}, given);
+        }
+    } catch (...) {
+        SetLastError(code, {}, 0, {}, {});
+        return code;
+    }
+    return INTERNAL_INCONSISTENCY;
 }
 
 } // namespace QOB

@@ -2,6 +2,7 @@
 // lines, and the mapping of every exception to a result code.
 #pragma once
 
+#include "api/last_error.hpp"
 #include "api/process_lock.hpp"
 #include "archive/defer.hpp"
 #include "platform/platform.hpp"
@@ -9,9 +10,8 @@
 #include "support/format.hpp"
 #include "support/log.hpp"
 
+#include <cstddef>
 #include <cstdint>
-#include <new>
-#include <stdexcept>
 #include <string>
 
 namespace QOB {
@@ -26,7 +26,19 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
 
 inline constexpr float kSlowCallSeconds = 0.5f;
 
-template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) noexcept {
+// What a failure concerns when it names nothing itself: the package the call was given (a
+// host's text, read up to its first NUL but never past size bytes). Null for none.
+struct CallSubject {
+    const char* text = nullptr;
+    std::size_t size = QOB_MAX_PATH;
+};
+
+// Logs the exception being handled, as the call's failure, fills the thread's last-error
+// record from it and returns its code. Only from inside a catch block.
+QobErrorCode_e ReportFailure(const char* name, CallSubject subject) noexcept;
+
+template <class Body>
+QobErrorCode_e CallGuarded(const char* name, Body&& body, CallSubject subject = {}) noexcept {
     try {
         const std::int64_t start = NowTicks();
         Deferred onSuccess(DeferCondition::OnSuccess,
@@ -38,31 +50,10 @@ template <class Body> QobErrorCode_e CallGuarded(const char* name, Body&& body) 
         LogTiming(start, kSlowCallSeconds, "locked   for", name);
         LogDebug(Format("call: %s", name));
         body();
+        ClearLastError();
         return SUCCESS;
-    } catch (const Exception& e) {
-        try {
-            LogError(Format("%s: %s", name, e.what()));
-        } catch (...) {
-        }
-        return e.code();
-    } catch (const std::bad_alloc& e) {
-        try {
-            LogFatal(Format("%s: failed to allocate memory: %s", name, e.what()));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
-    } catch (const std::exception& e) {
-        try {
-            LogError(Format("%s: caught std: %s", name, e.what()));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
     } catch (...) {
-        try {
-            LogError(Format("%s: caught unknown exception", name));
-        } catch (...) {
-        }
-        return INTERNAL_INCONSISTENCY;
+        return ReportFailure(name, subject);
     }
 }
 

@@ -14,10 +14,13 @@
 #include "package/package_content.hpp"
 #include "support/exception.hpp"
 #include "support/fixed_string.hpp"
+#include "support/progress.hpp"
 #include "support/utf8_path.hpp"
 
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace QOB {
@@ -70,6 +73,36 @@ bool Plan(std::vector<PlannedFile>& plan, const QOB_EntryInfo& source, QOB_Entry
     return true;
 }
 
+// Why a file to pack from is not there: the system's reason, or that it is a folder.
+std::error_code SourceProblem(const QOB_EntryInfo& source) {
+    if (source.ePackingType != QOB_PACK_FROM_FILE || source.szPath[0] == '\0') {
+        return {};
+    }
+    std::error_code cause;
+    const std::filesystem::file_status status =
+        std::filesystem::status(PathFromUtf8(source.szPath), cause);
+    if (!cause && std::filesystem::is_directory(status)) {
+        cause = std::make_error_code(std::errc::is_a_directory);
+    }
+    return cause;
+}
+
+// The bytes of content the create copies, for progress: what the host's files hold now.
+std::uint64_t ContentBytes(const std::vector<PlannedFile>& plan) {
+    std::uint64_t total = 0;
+    for (const PlannedFile& file : plan) {
+        if (file.source->ePackingType == QOB_PACK_FROM_MEMORY) {
+            total += file.source->uBufferLength;
+            continue;
+        }
+        std::error_code unknown;
+        const std::uintmax_t size =
+            std::filesystem::file_size(PathFromUtf8(file.source->szPath), unknown);
+        total += unknown ? 0 : size;
+    }
+    return total;
+}
+
 } // namespace
 
 void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
@@ -85,7 +118,8 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     const std::string base(ImageBaseName(from.raw));
     std::vector<PlannedFile> plan;
     if (!Plan(plan, from.raw, to.raw, EntryKind::Raw, base)) {
-        throw Exception(FILE_NOT_FOUND, "failed to add raw image to package");
+        throw Exception(FILE_NOT_FOUND, "failed to add raw image to package",
+                        SourceProblem(from.raw), from.raw.szPath);
     }
     // Every companion is optional: one that is absent is skipped.
     Plan(plan, from.proxy, to.proxy, EntryKind::Proxy, base);
@@ -101,6 +135,7 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
 
     GenerateManifestInMem(info.get());
 
+    ProgressScope progress(ProgressWanted() ? ContentBytes(plan) : 0);
     Transaction transaction(PathFromUtf8(args->szPackagePath), Transaction::Kind::Create);
     Archive archive(PathFromUtf8(args->szPackagePath), false);
     for (const PlannedFile& file : plan) {
@@ -111,6 +146,7 @@ void QOB_Create_Unlocked(const QOB_CreateArgs* args) {
     }
     archive.Close();
     transaction.Commit();
+    progress.Finish();
 }
 
 } // namespace QOB

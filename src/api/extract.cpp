@@ -10,6 +10,7 @@
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
+#include "support/progress.hpp"
 #include "support/utf8_path.hpp"
 
 #include <algorithm>
@@ -102,9 +103,15 @@ void ExtractAll(Archive& archive, const fs::path& destination) {
         files.emplace(key, index);
         plan.push_back({std::move(entry), normal});
     }
+    std::uint64_t total = 0;
+    for (const Planned& item : plan) {
+        total += item.entry.content_size;
+    }
+    ProgressScope progress(total);
     for (const Planned& item : plan) {
         archive.Extract(item.entry, destination, item.relative);
     }
+    progress.Finish();
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 #include "archive/archive.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/failure_cause.hpp"
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/unzip.hpp"
+#include "archive/minizip/unzip_state.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_handle.hpp"
 #include "archive/zip_results.hpp"
@@ -10,6 +12,7 @@
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
+#include "support/progress.hpp"
 #include "support/utf8_path.hpp"
 
 #include <algorithm>
@@ -103,6 +106,65 @@ std::vector<std::filesystem::path> Components(const std::filesystem::path& relat
     return parts;
 }
 
+// Where the stored data of the entry open for reading starts. The local header's name and
+// extra field may differ in length from the central ones, so the central record alone cannot
+// tell; the zip layer checked that header and its bounds when it opened the entry.
+std::uint64_t OpenEntryDataStart(void* unzip) {
+    const UnzReader& reader = *AsReader(unzip);
+    const std::uint64_t header =
+        std::uint64_t{reader.current.localHeaderOffset} + reader.end.bytesBefore;
+    std::uint8_t lengths[4];
+    CheckUnzipCall([&] {
+        return AsReader(unzip)->file.ReadAt(header + 26, lengths, sizeof lengths) ? UNZ_OK
+                                                                                  : UNZ_ERRNO;
+    });
+    return header + 30 + Bytes::Get16(lengths) + Bytes::Get16(lengths + 2);
+}
+
+// About how many bytes a removal moves: the entries stored behind the one named exactly so.
+// Walks the directory without the listing's log lines; progress needs no more precision.
+std::uint64_t BytesBehind(void* unzip, const std::string& name) {
+    struct Stored {
+        std::uint64_t start;
+        std::uint64_t size;
+    };
+    std::vector<Stored> stored;
+    std::optional<std::uint64_t> removed;
+    std::string current;
+    for (int result = unzGoToFirstFile(unzip); result == UNZ_OK; result = unzGoToNextFile(unzip)) {
+        unz_file_info info{};
+        std::uint32_t offset = 0;
+        if (unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK ||
+            unzGetCurrentFileLocalHeaderOffset(unzip, &offset) != UNZ_OK) {
+            return 0;
+        }
+        current.assign(info.size_filename, '\0');
+        unzGetCurrentFileInfo(unzip, &info, current.data(), info.size_filename, nullptr, 0, nullptr,
+                              0);
+        if (!removed && current == name) {
+            removed = offset;
+        }
+        stored.push_back({offset, std::uint64_t{30} + info.size_filename + info.size_file_extra +
+                                      info.compressed_size});
+    }
+    std::uint64_t total = 0;
+    for (const Stored& entry : stored) {
+        total += removed && entry.start > *removed ? entry.size : 0;
+    }
+    return total;
+}
+
+// The handle; a failure to open it says why, as far as the system can tell.
+std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, bool should_exist) {
+    Platform::ClearSystemError();
+    try {
+        return std::make_unique<MiniZip::Handle>(path, should_exist);
+    } catch (Exception& e) {
+        ExplainOpenFailure(e, path, should_exist);
+        throw;
+    }
+}
+
 struct OutputCloser {
     void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputClose(file); }
 };
@@ -110,7 +172,7 @@ struct OutputCloser {
 } // namespace
 
 Archive::Archive(const std::filesystem::path& path, bool should_exist)
-    : handle_(std::make_unique<MiniZip::Handle>(path, should_exist)) {
+    : handle_(OpenHandle(path, should_exist)) {
     LogDebug(Format("Archive::[\"%s\"] %s", Name(), should_exist ? "opening" : "creating"));
 }
 
@@ -125,13 +187,21 @@ Archive::~Archive() {
     }
 }
 
+void* Archive::Zip() {
+    return WithSystemCause([this] { return handle_->Zip(); });
+}
+
+void* Archive::Unzip() {
+    return WithSystemCause([this] { return handle_->Unzip(); });
+}
+
 const char* Archive::Name() const noexcept {
     return handle_->Path().c_str();
 }
 
 void Archive::Flush() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Flush", Name()));
-    handle_->Flush();
+    WithSystemCause([this] { handle_->Flush(); });
 }
 
 void Archive::Close() {
@@ -141,7 +211,7 @@ void Archive::Close() {
 
 std::vector<Entry> Archive::List() {
     const OperationTrail trail(Format("Archive::[\"%s\"]::List", Name()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     std::vector<Entry> entries;
     int result = unzGoToFirstFile(unzip);
     while (result == UNZ_OK) {
@@ -158,7 +228,7 @@ std::vector<Entry> Archive::List() {
 bool Archive::Contains(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Contains path=\"%s\"", Name(), path.CStr()));
-    const int result = unzLocateFile(handle_->Unzip(), path.CStr());
+    const int result = unzLocateFile(Unzip(), path.CStr());
     if (result == UNZ_END_OF_LIST_OF_FILE) {
         return false;
     }
@@ -171,7 +241,7 @@ bool Archive::Contains(const Path& path) {
 
 Entry Archive::Get(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Get path=\"%s\"", Name(), path.CStr()));
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
     return GetCurrent(unzip);
 }
@@ -179,7 +249,7 @@ Entry Archive::Get(const Path& path) {
 std::vector<std::byte> Archive::Read(const Path& path, std::uint64_t limit) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Read path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     CheckEntryWithin(unzip, entry, limit);
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
@@ -209,15 +279,16 @@ void Archive::Read(const Path& path, std::byte* buffer, std::size_t length) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Read path=\"%s\" length=%zu", Name(), path.CStr(), length));
     if (buffer == nullptr) {
-        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to buffer");
+        throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to buffer", {}, path.Sanitized());
     }
     const Entry entry = Get(path);
     if (length < entry.content_size) {
         throw Exception(INTERNAL_INCONSISTENCY,
                         Format("buffer too small: src=%zu dst=%zu",
-                               static_cast<std::size_t>(entry.content_size), length));
+                               static_cast<std::size_t>(entry.content_size), length),
+                        {}, entry.path);
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     TryRead(unzip, buffer, entry.content_size);
     ReadEnd(unzip, entry);
@@ -250,7 +321,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
     if (std::filesystem::create_directories(base)) {
         LogInfo(Format("Archive::Extract: created directory \"%s\"", PathToUtf8(base).c_str()));
     }
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
 
@@ -275,17 +346,50 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
                        PathToUtf8((base / relative).parent_path()).c_str()));
     }
     ReadInRounds(unzip, entry.content_size, [&](const std::byte* bytes, std::size_t length) {
-        if (!Platform::OutputWrite(out.get(), bytes, length)) {
-            throw Exception(INTERNAL_INCONSISTENCY, "write error");
+        if (const std::error_code cause = Platform::OutputWrite(out.get(), bytes, length)) {
+            CopyFailed("write error", cause, base / relative);
         }
+        ProgressAdvance(length);
     });
     ReadEnd(unzip, entry);
+}
+
+std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::byte* buffer,
+                               std::size_t size) {
+    const OperationTrail trail(
+        Format("Archive::[\"%s\"]::ReadRange path=\"%s\" offset=%llu size=%zu", Name(),
+               entry.path.c_str(), static_cast<unsigned long long>(offset), size));
+    if (offset >= entry.content_size) {
+        return 0;
+    }
+    const auto length =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size, entry.content_size - offset));
+    void* unzip = Unzip();
+    ReadBegin(unzip, entry);
+    CheckEntryFitsFile(unzip, entry.content_size);
+    const Deferred close(DeferCondition::Always, [unzip] { unzCloseCurrentFile(unzip); });
+    const bool reachesEnd = offset + length == entry.content_size;
+    if (!reachesEnd && entry.method == 0) {
+        const std::uint64_t start = OpenEntryDataStart(unzip) + offset;
+        CheckUnzipCall([&] {
+            return AsReader(unzip)->file.ReadAt(start, buffer, static_cast<std::uint32_t>(length))
+                       ? UNZ_OK
+                       : UNZ_ERRNO;
+        });
+        return length;
+    }
+    ReadInRounds(unzip, offset, [](const std::byte*, std::size_t) {});
+    TryRead(unzip, buffer, length);
+    if (reachesEnd) {
+        ReadEnd(unzip, entry);
+    }
+    return length;
 }
 
 void Archive::Check(const Path& path) {
     const OperationTrail trail(Format("Archive::[\"%s\"]::Check path=\"%s\"", Name(), path.CStr()));
     const Entry entry = Get(path);
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     ReadBegin(unzip, entry);
     CheckEntryFitsFile(unzip, entry.content_size);
     ReadInRounds(unzip, entry.content_size, [](const std::byte*, std::size_t) {});
@@ -310,7 +414,7 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
     const std::string source = PathToUtf8(external);
     const OperationTrail trail(Format("Archive::[\"%s\"]::Insert int=\"%s\" ext=\"%s\" padding=%zu",
                                       Name(), internal.CStr(), source.c_str(), padding));
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::uint64_t length = std::filesystem::file_size(external);
     const std::tm time = GetFileModificationTime(external);
     WriteBegin(zip, internal, time, length, padding);
@@ -320,22 +424,26 @@ void Archive::Insert(const Path& internal, const std::filesystem::path& external
         for (std::uint64_t remaining = length; remaining > 0;) {
             const auto round =
                 static_cast<std::size_t>(std::min<std::uint64_t>(remaining, buffer.size()));
+            Platform::ClearSystemError();
             in.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(round));
             if (in.fail()) {
-                throw Exception(INTERNAL_INCONSISTENCY, "read error");
+                CopyFailed("read error", Platform::LastSystemError(), external);
             }
             if (in.eof()) {
-                throw Exception(INTERNAL_INCONSISTENCY, "file smaller than expected");
+                CopyFailed("file smaller than expected", {}, external);
             }
             if (static_cast<std::size_t>(in.gcount()) < round) {
-                throw Exception(INTERNAL_INCONSISTENCY, "didn't read enough");
+                CopyFailed("didn't read enough", {}, external);
             }
-            CheckZipResult(zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round)));
+            CheckZipCall([&] {
+                return zipWriteInFileInZip(zip, buffer.data(), static_cast<unsigned>(round));
+            });
+            ProgressAdvance(round);
             remaining -= round;
         }
         in.get();
         if (!in.eof()) {
-            throw Exception(INTERNAL_INCONSISTENCY, "file larger than expected");
+            CopyFailed("file larger than expected", {}, external);
         }
     }
     WriteEnd(zip, padding);
@@ -350,10 +458,11 @@ void Archive::Insert(const Path& path, const std::byte* content, std::size_t len
     if (content == nullptr) {
         throw Exception(INTERNAL_INCONSISTENCY, "missing pointer to content");
     }
-    void* zip = handle_->Zip();
+    void* zip = Zip();
     const std::tm time = Platform::LocalTime(Platform::CurrentTime());
     WriteBegin(zip, path, time, length, padding);
-    CheckZipResult(zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)));
+    CheckZipCall([&] { return zipWriteInFileInZip(zip, content, static_cast<unsigned>(length)); });
+    ProgressAdvance(length);
     WriteEnd(zip, padding);
     Flush();
 }
@@ -377,14 +486,15 @@ void Archive::Update(const Path& path, const std::byte* content, std::size_t len
         checkedBytes_ -= kept->second.content.size();
         checked_.erase(kept);
     }
-    void* zip = handle_->Zip();
-    CheckZipResult(
-        zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length)));
+    void* zip = Zip();
+    CheckZipCall([&] {
+        return zipReplaceFileInZip(zip, path.CStr(), content, static_cast<std::uint32_t>(length));
+    });
     Flush();
 }
 
 bool Archive::Holds(const Path& path, const std::byte* content, std::size_t length) {
-    void* unzip = handle_->Unzip();
+    void* unzip = Unzip();
     if (unzLocateFile(unzip, path.CStr()) != UNZ_OK) {
         return false;
     }
@@ -420,11 +530,13 @@ bool Archive::Holds(const Path& path, const std::byte* content, std::size_t leng
 void Archive::Remove(const Path& path) {
     const OperationTrail trail(
         Format("Archive::[\"%s\"]::Remove path=\"%s\"", Name(), path.CStr()));
+    ProgressScope progress(ProgressWanted() ? BytesBehind(Unzip(), path.Sanitized()) : 0);
     // Entries behind the removed one move.
     checked_.clear();
     checkedBytes_ = 0;
-    CheckZipResult(zipRemoveFileInZip(handle_->Zip(), path.CStr()));
+    CheckZipCall([&] { return zipRemoveFileInZip(Zip(), path.CStr()); });
     Flush();
+    progress.Finish();
 }
 
 } // namespace QOB

@@ -52,6 +52,12 @@ public:
     // The same into a caller's buffer of at least Get(path).content_size bytes; bytes
     // beyond the content are left untouched.
     void Read(const Path& path, std::byte* buffer, std::size_t length);
+    // Up to size bytes of an entry that List returned, from offset on, into buffer; returns
+    // how many (0 at or past the content's end). A read that reaches the content's end reads
+    // the whole entry and checks it as Read does (zero padding, CRC-32); other reads of a
+    // stored entry go straight to their bytes, those of a deflated one inflate from its start.
+    std::size_t ReadRange(const Entry& entry, std::uint64_t offset, std::byte* buffer,
+                          std::size_t size);
     // Reads the entry through a fixed buffer only to check it as Read does, at any size.
     void Check(const Path& path);
     // Writes the content into a file, creating missing directories; an existing file is
@@ -80,6 +86,9 @@ public:
 
 private:
     const char* Name() const noexcept;
+    // The handle's sides; a failure to switch carries the system's reason.
+    void* Zip();
+    void* Unzip();
     void WriteOut(const Entry& entry, const std::filesystem::path& root,
                   const std::filesystem::path& relative);
     // Hands the open entry's next size bytes to sink, one buffer at a time.

@@ -102,10 +102,12 @@ void WriteBegin(void* zip, const Path& path, const std::tm& time, std::uint64_t 
                                                   static_cast<unsigned long long>(bytes)));
     }
 
-    CheckZipResult(zipOpenNewFileInZip3(zip, path.CStr(), &info, field.data(), kFieldSize,
-                                        field.data(), kFieldSize, nullptr, kStored,
-                                        kNoCompressionLevel, 0, kRawDeflateWindowBits,
-                                        kDefaultMemLevel, kDefaultStrategy, nullptr, 0));
+    CheckZipCall([&] {
+        return zipOpenNewFileInZip3(zip, path.CStr(), &info, field.data(), kFieldSize, field.data(),
+                                    kFieldSize, nullptr, kStored, kNoCompressionLevel, 0,
+                                    kRawDeflateWindowBits, kDefaultMemLevel, kDefaultStrategy,
+                                    nullptr, 0);
+    });
 }
 
 void WriteEnd(void* zip, std::uint64_t padding_size) {
@@ -119,24 +121,24 @@ void WriteEnd(void* zip, std::uint64_t padding_size) {
         for (std::uint64_t remaining = padding_size; remaining > 0;) {
             const auto round =
                 static_cast<unsigned>(std::min<std::uint64_t>(remaining, zeros.size()));
-            CheckZipResult(zipWriteInFileInZip(zip, zeros.data(), round));
+            CheckZipCall([&] { return zipWriteInFileInZip(zip, zeros.data(), round); });
             remaining -= round;
         }
     }
-    CheckZipResult(zipCloseFileInZip(zip));
+    CheckZipCall([&] { return zipCloseFileInZip(zip); });
 }
 
 void ReadBegin(void* unzip, const Path& path) {
     QOB_FAILURE_TRAIL(LazyTrail("in ReadBegin path=\"%s\"", path.CStr()));
     CheckUnzipResult(unzLocateFile(unzip, path.CStr()));
-    CheckUnzipResult(unzOpenCurrentFile(unzip));
+    CheckUnzipCall([&] { return unzOpenCurrentFile(unzip); });
 }
 
 void ReadBegin(void* unzip, const Entry& entry) {
     QOB_FAILURE_TRAIL(LazyTrail("in ReadBegin path=\"%s\" index=%u", entry.path.c_str(),
                                 static_cast<unsigned>(entry.index)));
     CheckUnzipResult(unzGoToFilePosition(unzip, entry.index, entry.record_position));
-    CheckUnzipResult(unzOpenCurrentFile(unzip));
+    CheckUnzipCall([&] { return unzOpenCurrentFile(unzip); });
 }
 
 void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
@@ -145,9 +147,11 @@ void TryRead(void* unzip, std::byte* buffer, std::uint64_t length) {
     // The zip layer hands its count back in an int: larger entries come in rounds.
     for (std::uint64_t done = 0; done < length;) {
         const auto round = static_cast<std::uint32_t>(std::min(length - done, kReadRound));
+        Platform::ClearSystemError();
         const int count = unzReadCurrentFile(unzip, buffer + done, round);
         if (count < 0) {
-            CheckUnzipResult(count);
+            const std::error_code cause = Platform::LastSystemError();
+            CheckUnzipResult(count, cause.value() != 0 ? cause : std::error_code());
             throw Exception(INTERNAL_INCONSISTENCY, "unreachable");
         }
         if (count == 0 && done == 0) {
@@ -179,7 +183,7 @@ void ReadEnd(void* unzip, const Entry& entry) {
             remaining -= round;
         }
     }
-    CheckUnzipResult(unzCloseCurrentFile(unzip));
+    CheckUnzipCall([&] { return unzCloseCurrentFile(unzip); });
 }
 
 Entry GetCurrent(void* unzip) {
@@ -199,6 +203,8 @@ Entry GetCurrent(void* unzip) {
     entry.allocated_size = info.uncompressed_size;
     entry.time = FromDosDateTime(info.dosDate);
     entry.dos_time = info.dosDate;
+    entry.crc = info.crc;
+    entry.method = info.compression_method;
 
     // Both lengths come from 2-byte fields, so neither buffer exceeds 64 KiB.
     entry.path.assign(info.size_filename, '\0');

@@ -29,6 +29,8 @@ struct Entry {
     // weekday, day of year and daylight flag are 0.
     std::tm time{};
     std::uint32_t dos_time = 0; // raw DOS word, date in the high 16 bits
+    std::uint32_t crc = 0;      // the central record's CRC-32 (of content and padding)
+    std::uint32_t method = 0;   // 0 stored, 8 deflated (other tools' entries)
     // Where its central record is, so that it can be read again by its own record rather
     // than by name (names may repeat, or differ in letter case only).
     std::uint32_t index = 0;

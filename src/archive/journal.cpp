@@ -16,9 +16,8 @@ namespace JF = JournalFormat;
 constexpr std::uint32_t kCopyChunk = 65536;
 
 [[noreturn]] void WriteFailed(const std::string& shown, int error) {
-    throw Exception(INTERNAL_INCONSISTENCY,
-                    Format("failed to write journal \"%s\": %s", shown.c_str(),
-                           Platform::SystemErrorText(error).c_str()));
+    throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal", Platform::SystemError(error),
+                    shown);
 }
 
 } // namespace
@@ -36,7 +35,7 @@ JournalWriter::JournalWriter(Platform::Folder* folder, std::string name, std::st
     : folder_(folder), name_(std::move(name)), shown_(std::move(shown)),
       io_(MiniZip::FileFunctions()), header_(header) {
     int error = 0;
-    stream_.reset(Platform::FileOpenIn(folder_, name_, Platform::OpenAs::CreateNew, error));
+    stream_.reset(Platform::FileCreateStaged(folder_, name_, staging_, error));
     if (!stream_) {
         WriteFailed(shown_, error);
     }
@@ -112,6 +111,16 @@ void JournalWriter::Finish(std::uint64_t length) {
     Sync();
 }
 
+void JournalWriter::Publish() {
+    int error = 0;
+    if (Platform::FileGiveName(stream_.get(), folder_, staging_, name_, error) !=
+        Platform::MoveResult::Moved) {
+        WriteFailed(shown_, error);
+    }
+    staging_.clear();
+    published_ = true;
+}
+
 bool JournalWriter::Retract() noexcept {
     if (finishedAt_ == 0) {
         return true; // never written
@@ -131,7 +140,10 @@ bool JournalWriter::Retract() noexcept {
 
 bool JournalWriter::Remove() noexcept {
     int error = 0;
-    return Platform::FileRemoveIn(folder_, name_, facts_, error);
+    if (!published_ && staging_.empty()) {
+        return true; // an unnamed file is gone once closed
+    }
+    return Platform::FileRemoveIn(folder_, published_ ? name_ : staging_, facts_, error);
 }
 
 bool Journal::ReadAt(const MiniZip::zlib_filefunc_def& io, void* packageStream,

@@ -26,9 +26,11 @@ std::string JournalName(const std::string& packageName);
 // Writes one new journal. Every failure throws QOB::Exception; nothing is durable until Sync.
 class JournalWriter {
 public:
-    // Creates the journal (never over an existing file, never through a link) with the
-    // package's permission bits, owner and group where the caller may give them, and writes
-    // its header.
+    // Creates the journal as a new file without its name (never over an existing file, never
+    // through a link) with the package's permission bits, owner and group where the caller
+    // may give them, and writes its header. It gets its name with Publish, once its first
+    // batch is on the device: a journal is never seen under its name before its header and
+    // first records are whole, so blocks of an earlier journal can never pass for them.
     JournalWriter(Platform::Folder* folder, std::string name, std::string shown,
                   const Platform::FileFacts& package, const JournalFormat::Header& header);
     ~JournalWriter();
@@ -41,13 +43,16 @@ public:
                 std::uint32_t length, std::uint32_t back);
     // Makes everything appended durable; the next records form a new batch.
     void Sync();
+    // Gives the journal its name, never over an existing file.
+    void Publish();
+    bool Published() const noexcept { return published_; }
     // Appends and flushes the closing record: the change is complete once the package is
     // `length` long.
     void Finish(std::uint64_t length);
     // Takes the closing record back, so that recovery rolls the change back again. False
     // when the record is still there: recovery will complete the change.
     bool Retract() noexcept;
-    // Deletes the journal, which this writer made; false when it could not.
+    // Deletes the journal, which this writer made (named or not); false when it could not.
     bool Remove() noexcept;
     std::size_t Records() const noexcept { return records_; }
 
@@ -57,6 +62,8 @@ private:
     Platform::Folder* folder_;
     std::string name_;
     std::string shown_;
+    std::string staging_; // the journal's name until it is published; empty when unnamed
+    bool published_ = false;
     StreamPtr stream_;
     Platform::FileFacts facts_;
     MiniZip::zlib_filefunc_def io_;

@@ -66,7 +66,7 @@ HeaderState DecodeHeader(const std::uint8_t* bytes, std::uint64_t available,
     if (available < kHeaderSize || Bytes::Get32(bytes + 8) != kVersion ||
         Bytes::Get32(bytes + 12) != kHeaderSize || Bytes::Get32(bytes + 40) != 0 ||
         Bytes::Get32(bytes + kHeaderCrcAt) != Crc(bytes, kHeaderCrcAt)) {
-        return HeaderState::Invalid;
+        return HeaderState::Damaged;
     }
     header.original = Get64(bytes + 16);
     header.nonce = Get64(bytes + 24);

@@ -42,7 +42,9 @@ struct Header {
     std::uint32_t nameCrc = 0;
 };
 
-enum class HeaderState { Valid, OlderVersion, Invalid };
+// Invalid: not a journal's header at all (empty, another magic); Damaged: a header of this
+// format whose bytes no longer hold.
+enum class HeaderState { Valid, OlderVersion, Invalid, Damaged };
 
 std::array<std::uint8_t, kHeaderSize> EncodeHeader(const Header& header) noexcept;
 HeaderState DecodeHeader(const std::uint8_t* bytes, std::uint64_t available,

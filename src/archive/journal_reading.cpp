@@ -24,9 +24,10 @@ namespace JF = JournalFormat;
 
 constexpr std::uint32_t kChunk = 65536;
 
-[[noreturn]] void Refuse(const std::string& shown, const std::string& check) {
+[[noreturn]] void Refuse(const std::string& shown, const std::string& check, int error = 0) {
     throw Exception(CANNOT_READ_FILE_PCK,
-                    Format("journal \"%s\" refused: %s", shown.c_str(), check.c_str()));
+                    Format("journal \"%s\" refused: %s", shown.c_str(), check.c_str()),
+                    error != 0 ? Platform::SystemError(error) : std::error_code(), shown);
 }
 
 // May the journal's owner and everyone who could write it also write the package?
@@ -62,12 +63,10 @@ void CheckWho(const std::string& shown, const Platform::FileFacts& journal,
 void ReadWithin(StreamAccess& journal, const std::string& shown, std::uint64_t position,
                 void* bytes, std::uint32_t count) {
     if (!journal.ReadAt(position, bytes, count)) {
-        throw Exception(
-            CANNOT_READ_FILE_PCK,
-            Format("journal \"%s\" could not be read: %s", shown.c_str(),
-                   Platform::SystemErrorText(
-                       Platform::FileError(static_cast<Platform::FileStream*>(journal.Stream())))
-                       .c_str()));
+        const int error = Platform::FileError(static_cast<Platform::FileStream*>(journal.Stream()));
+        throw Exception(CANNOT_READ_FILE_PCK,
+                        Format("journal \"%s\" could not be read", shown.c_str()),
+                        Platform::SystemError(error), shown);
     }
 }
 
@@ -257,7 +256,7 @@ JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
     int error = 0;
     StreamPtr stream(Platform::FileOpenIn(folder, journalName, Platform::OpenAs::Read, error));
     if (!stream) {
-        if (error == ENOENT) {
+        if (Platform::KindOf(error) == Platform::ErrorKind::NotFound) {
             return lookup;
         }
         Platform::FileFacts facts;
@@ -265,11 +264,11 @@ JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
         if (Platform::FileFactsIn(folder, journalName, facts, ignored) && !facts.regular) {
             Refuse(shown, "not a regular file"); // a link, mostly (O_NOFOLLOW)
         }
-        Refuse(shown, "cannot be opened: " + Platform::SystemErrorText(error));
+        Refuse(shown, "cannot be opened", error);
     }
     Platform::FileFacts facts;
     if (!Platform::FileFactsOf(stream.get(), facts, error)) {
-        Refuse(shown, "cannot be examined: " + Platform::SystemErrorText(error));
+        Refuse(shown, "cannot be examined", error);
     }
     CheckWho(shown, facts, package);
     std::array<std::uint8_t, JF::kHeaderSize> bytes{};
@@ -281,8 +280,12 @@ JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
     switch (JF::DecodeHeader(bytes.data(), available, header)) {
     case JF::HeaderState::OlderVersion:
         Refuse(shown, "format version 1 of an older release");
+    case JF::HeaderState::Damaged:
+        // A journal gets its name only once its header is on the device: this one was whole
+        // once, and the package may have changed behind it.
+        Refuse(shown, "damaged header");
     case JF::HeaderState::Invalid:
-        // The header is flushed before the package is touched: without it, nothing changed.
+        // Not a journal of ours at all: nothing was ever changed behind it.
         lookup.state = JournalState::Stale;
         lookup.facts = facts;
         return lookup;

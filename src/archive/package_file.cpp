@@ -12,23 +12,26 @@
 namespace QOB {
 namespace {
 
+std::error_code Cause(int error) {
+    return Platform::SystemError(error);
+}
+
 // A package path that is a link is resolved once, here; everything after works in the
 // folder of its target.
-std::filesystem::path Resolve(const std::filesystem::path& path) {
+std::filesystem::path Resolve(const std::filesystem::path& path, const std::string& shown) {
     std::error_code error;
     if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path, error))) {
         return path;
     }
     std::filesystem::path target = std::filesystem::canonical(path, error);
     if (error) {
-        throw Exception(PACKAGE_NOT_FOUND, "no such archive");
+        throw Exception(PACKAGE_NOT_FOUND, "no such archive", error, shown);
     }
     return target;
 }
 
-[[noreturn]] void CannotOpen(const std::string& shown, int error) {
-    throw Exception(CANNOT_OPEN_FILE_PCK, Format("failed to open archive \"%s\": %s", shown.c_str(),
-                                                 Platform::SystemErrorText(error).c_str()));
+bool Is(int error, Platform::ErrorKind kind) {
+    return Platform::KindOf(error) == kind;
 }
 
 } // namespace
@@ -36,23 +39,27 @@ std::filesystem::path Resolve(const std::filesystem::path& path) {
 PackageFile::PackageFile(const std::filesystem::path& path, Purpose purpose)
     : shown_(PathToUtf8(path)) {
     const bool creates = purpose == Purpose::Create || purpose == Purpose::New;
-    const std::filesystem::path real = creates ? path : Resolve(path);
-    const std::filesystem::path folder = real.parent_path();
-    shownFolder_ = PathToUtf8(folder);
+    const std::filesystem::path real = creates ? path : Resolve(path, shown_);
+    std::filesystem::path folder = real.parent_path();
     name_ = PathToUtf8(real.filename());
-    int error = 0;
     if (name_.empty() || name_ == "." || name_ == "..") {
-        throw Exception(creates ? CANNOT_REMOVE_FILE : PACKAGE_NOT_FOUND,
-                        creates ? "archive already exists" : "no such archive");
+        // A folder named by itself: take it by its name in its parent, where it is found to
+        // be a folder like any other.
+        std::error_code error;
+        const std::filesystem::path whole =
+            std::filesystem::absolute(real, error).lexically_normal();
+        const std::filesystem::path named = whole.has_filename() ? whole : whole.parent_path();
+        folder = named.parent_path();
+        name_ = PathToUtf8(named.filename());
     }
+    shownFolder_ = PathToUtf8(folder);
+    int error = 0;
     folder_.reset(Platform::FolderOpen(folder, error));
     if (!folder_) {
-        if (!creates && (error == ENOENT || error == ENOTDIR)) {
-            throw Exception(PACKAGE_NOT_FOUND, "no such archive");
+        if (!creates && Is(error, Platform::ErrorKind::NotFound)) {
+            throw Exception(PACKAGE_NOT_FOUND, "no such archive", Cause(error), shown_);
         }
-        throw Exception(CANNOT_OPEN_FILE_PCK,
-                        Format("failed to open folder \"%s\": %s", shownFolder_.c_str(),
-                               Platform::SystemErrorText(error).c_str()));
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
     }
     Open(purpose);
 }
@@ -64,21 +71,21 @@ PackageFile::~PackageFile() {
 
 void PackageFile::Open(Purpose purpose) {
     int error = 0;
-    if (purpose == Purpose::Create) {
+    if (purpose == Purpose::Create || purpose == Purpose::New) {
         Platform::FileFacts taken;
         if (Platform::FileFactsIn(folder_.get(), name_, taken, error)) {
-            throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+            throw Exception(CANNOT_REMOVE_FILE, "archive already exists", {}, shown_);
         }
-        return;
-    }
-    if (purpose == Purpose::New) {
+        if (purpose == Purpose::Create) {
+            return;
+        }
         stream_.reset(
             Platform::FileOpenIn(folder_.get(), name_, Platform::OpenAs::CreateNew, error));
-        if (!stream_ && error == EEXIST) {
-            throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+        if (!stream_ && Is(error, Platform::ErrorKind::Exists)) {
+            throw Exception(CANNOT_REMOVE_FILE, "archive already exists", {}, shown_);
         }
         if (!stream_ || !Platform::FileFactsOf(stream_.get(), facts_, error)) {
-            CannotOpen(shown_, error);
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
         }
         writable_ = true;
         Lock(true);
@@ -86,28 +93,31 @@ void PackageFile::Open(Purpose purpose) {
     }
     stream_.reset(Platform::FileOpenIn(folder_.get(), name_, Platform::OpenAs::ReadWrite, error));
     writable_ = stream_ != nullptr;
-    if (!stream_ && error == ENOENT) {
-        throw Exception(PACKAGE_NOT_FOUND, "no such archive");
+    if (!stream_ && Is(error, Platform::ErrorKind::NotFound)) {
+        throw Exception(PACKAGE_NOT_FOUND, "no such archive", Cause(error), shown_);
     }
-    if (!stream_ && purpose == Purpose::Change) {
-        CannotOpen(shown_, error);
-    }
-    if (!stream_ && (error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY)) {
+    const int writeError = error;
+    if (!stream_ && Is(error, Platform::ErrorKind::Denied)) {
         LogWarn(Format("failed to open archive for read-write, retrying with read-only mode: "
                        "\"%s\"",
                        shown_.c_str()));
         stream_.reset(Platform::FileOpenIn(folder_.get(), name_, Platform::OpenAs::Read, error));
     }
     if (!stream_) {
-        CannotOpen(shown_, error);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
     }
     if (!Platform::FileFactsOf(stream_.get(), facts_, error)) {
-        CannotOpen(shown_, error);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
     }
     if (!facts_.regular) {
-        throw Exception(
-            CANNOT_OPEN_FILE_PCK,
-            Format("failed to open archive \"%s\": not a regular file", shown_.c_str()));
+        // Nothing that is not a regular file reads as a zip, and nothing may wait on one.
+        throw Exception(CANNOT_OPEN_FILE_PCK, "failed to open unzip handle", Cause(writeError),
+                        shown_);
+    }
+    if (purpose == Purpose::Change && !writable_) {
+        // A read-only package fails where its first write would, before any journal exists.
+        throw Exception(INTERNAL_INCONSISTENCY, "minizip returned ZIP_ERRNO", Cause(writeError),
+                        shown_);
     }
     Lock(purpose == Purpose::Change);
     DealWithJournal(purpose);
@@ -118,12 +128,13 @@ void PackageFile::Lock(bool exclusive) {
         lock_ = Platform::FileLockOn(stream_.get(), exclusive);
         if (lock_ == nullptr) {
             throw Exception(CANNOT_OPEN_FILE_PCK,
-                            Format("cannot lock package \"%s\"", shown_.c_str()));
+                            Format("cannot lock package \"%s\"", shown_.c_str()), {}, shown_);
         }
     } else if (exclusive != exclusive_ && !Platform::FileLockConvert(lock_, exclusive)) {
         Platform::FileLockRelease(lock_);
         lock_ = nullptr;
-        throw Exception(CANNOT_OPEN_FILE_PCK, Format("cannot lock package \"%s\"", shown_.c_str()));
+        throw Exception(CANNOT_OPEN_FILE_PCK, Format("cannot lock package \"%s\"", shown_.c_str()),
+                        {}, shown_);
     }
     exclusive_ = exclusive;
 }
@@ -157,7 +168,7 @@ void PackageFile::DealWithJournal(Purpose purpose) {
     }
     int error = 0;
     if (!Platform::FileFactsOf(stream_.get(), facts_, error)) {
-        CannotOpen(shown_, error);
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
     }
     if (purpose == Purpose::Read) {
         Lock(false);

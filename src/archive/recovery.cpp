@@ -14,11 +14,9 @@ namespace {
 
 constexpr std::uint32_t kCopyChunk = 65536;
 
-[[noreturn]] void CannotRestore(int error) {
-    throw Exception(CANNOT_READ_FILE_PCK,
-                    error != 0 ? Format("failed to roll back an interrupted change: %s",
-                                        Platform::SystemErrorText(error).c_str())
-                               : std::string("failed to roll back an interrupted change"));
+[[noreturn]] void CannotRestore(int error, const std::string& package) {
+    throw Exception(CANNOT_READ_FILE_PCK, "failed to roll back an interrupted change",
+                    Platform::SystemError(error), package);
 }
 
 } // namespace
@@ -34,22 +32,22 @@ void Repair(PackageFile& file, Journal& journal, bool announce) {
                 std::min<std::uint64_t>(record.length - done, kCopyChunk));
             if (!journal.ReadAt(io, package, record.offset + done, buffer.data(), round) ||
                 !target.WriteAt(record.offset + done, buffer.data(), round)) {
-                CannotRestore(Platform::FileError(package));
+                CannotRestore(Platform::FileError(package), file.Shown());
             }
             done += round;
         }
     }
     if (target.Truncate(static_cast<std::uint32_t>(journal.Length())) != 0) {
-        CannotRestore(Platform::FileError(package));
+        CannotRestore(Platform::FileError(package), file.Shown());
     }
     int error = 0;
     if (!Platform::FileSyncData(package, error)) {
-        CannotRestore(error);
+        CannotRestore(error, file.Shown());
     }
     // Only now may the journal go: until the package is whole on the device, it is the copy.
     if (!Platform::FileRemoveIn(file.Folder(), JournalName(file.Name()), journal.Facts(), error) ||
         !Platform::FolderSync(file.Folder(), error)) {
-        CannotRestore(error);
+        CannotRestore(error, file.Shown());
     }
     if (!announce) {
         return;

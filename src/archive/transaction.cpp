@@ -38,9 +38,9 @@ std::uint64_t NewNonce() {
     return (std::uint64_t{device()} << 32) | device();
 }
 
-[[noreturn]] void FlushFailed(const char* what, int error) {
-    throw Exception(INTERNAL_INCONSISTENCY, Format("failed to flush %s to disk: %s", what,
-                                                   Platform::SystemErrorText(error).c_str()));
+[[noreturn]] void FlushFailed(const char* what, int error, const std::string& subject) {
+    throw Exception(INTERNAL_INCONSISTENCY, Format("failed to flush %s to disk", what),
+                    Platform::SystemError(error), subject);
 }
 
 } // namespace
@@ -57,9 +57,8 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
         int error = 0;
         staged_.reset(Platform::FileCreateStaged(file_->Folder(), file_->Name(), staging_, error));
         if (!staged_) {
-            throw Exception(CANNOT_OPEN_FILE_PCK,
-                            Format("failed to create package \"%s\": %s", file_->Shown().c_str(),
-                                   Platform::SystemErrorText(error).c_str()));
+            throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive",
+                            Platform::SystemError(error), file_->Shown());
         }
         // Locked before it has a name: nobody can open it as a package before it is whole.
         stagedLock_ = Platform::FileLockOn(staged_.get(), true);
@@ -316,10 +315,11 @@ void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_
     }
     journal_->Sync();
     if (first) {
+        journal_->Publish();
         // The journal's name must be durable before the package changes.
         int error = 0;
         if (!Platform::FolderSync(file_->Folder(), error)) {
-            FlushFailed("the folder of the journal", error);
+            FlushFailed("the folder of the journal", error, file_->Shown());
         }
     }
 }
@@ -344,7 +344,7 @@ void Transaction::Commit() {
     int error = 0;
     // The new bytes must be on the device before the closing record says they are whole.
     if (!Platform::FileSyncData(package, error)) {
-        FlushFailed("package", error);
+        FlushFailed("package", error, file_->Shown());
     }
     try {
         journal_->Finish(cut_.value_or(length_));
@@ -372,16 +372,16 @@ void Transaction::CommitNew() {
     Platform::FileStream* stream = staged_.get();
     int error = 0;
     if (!Platform::FileSyncData(stream, error)) {
-        FlushFailed("package", error);
+        FlushFailed("package", error, file_->Shown());
     }
     switch (Platform::FileGiveName(stream, file_->Folder(), staging_, file_->Name(), error)) {
     case Platform::MoveResult::Moved:
         break;
     case Platform::MoveResult::TargetExists:
-        throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+        throw Exception(CANNOT_REMOVE_FILE, "archive already exists", {}, file_->Shown());
     case Platform::MoveResult::Failed:
-        throw Exception(INTERNAL_INCONSISTENCY, Format("failed to move package into place: %s",
-                                                       Platform::SystemErrorText(error).c_str()));
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to move package into place",
+                        Platform::SystemError(error), file_->Shown());
     }
     staging_.clear();
     if (!Platform::FolderSync(file_->Folder(), error)) {
@@ -391,7 +391,7 @@ void Transaction::CommitNew() {
         if (Platform::FileFactsOf(stream, facts, ignored)) {
             Platform::FileRemoveIn(file_->Folder(), file_->Name(), facts, ignored);
         }
-        FlushFailed("the folder of the package", error);
+        FlushFailed("the folder of the package", error, file_->Shown());
     }
     committed_ = true;
 }
@@ -406,7 +406,10 @@ void Transaction::RollBack() noexcept {
             }
             return;
         }
-        if (!journal_) {
+        if (!journal_ || !journal_->Published()) {
+            if (journal_) {
+                journal_->Remove();
+            }
             return; // the package was never touched
         }
         journal_.reset();

@@ -6,12 +6,12 @@
 
 namespace QOB::MiniZip {
 
-void CheckZipResult(int result) {
+void CheckZipResult(int result, std::error_code cause) {
     switch (result) {
     case ZIP_OK:
         return;
     case ZIP_ERRNO:
-        throw Exception(INTERNAL_INCONSISTENCY, "minizip returned ZIP_ERRNO");
+        throw Exception(INTERNAL_INCONSISTENCY, "minizip returned ZIP_ERRNO", cause, {});
     case ZIP_PARAMERROR:
         throw Exception(INVALID_PARAMETER, "minizip returned ZIP_PARAMERROR");
     case ZIP_BADZIPFILE:
@@ -25,12 +25,12 @@ void CheckZipResult(int result) {
     }
 }
 
-void CheckUnzipResult(int result) {
+void CheckUnzipResult(int result, std::error_code cause) {
     switch (result) {
     case UNZ_OK:
         return;
     case UNZ_ERRNO:
-        throw Exception(INTERNAL_INCONSISTENCY, "minizip returned UNZ_ERRNO");
+        throw Exception(INTERNAL_INCONSISTENCY, "minizip returned UNZ_ERRNO", cause, {});
     case UNZ_END_OF_LIST_OF_FILE:
         throw Exception(FILE_NOT_IN_PACKAGE, "minizip returned UNZ_END_OF_LIST_OF_FILE");
     case UNZ_PARAMERROR:

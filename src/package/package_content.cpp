@@ -1,6 +1,8 @@
 #include "package/package_content.hpp"
 
 #include "archive/defer.hpp"
+#include "archive/failure_cause.hpp"
+#include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/utf8_path.hpp"
 
@@ -14,21 +16,24 @@ std::filesystem::path SourcePath(const QOB_EntryInfo& entry) {
     return PathFromUtf8(entry.szPath);
 }
 
-// The whole file, which must be exactly size bytes long.
-std::vector<std::byte> ReadWholeFile(std::ifstream& in, std::uint64_t size) {
+// The whole file, which must be exactly size bytes long. A failure names the file, and
+// carries the system's reason when the system gave one.
+std::vector<std::byte> ReadWholeFile(std::ifstream& in, std::uint64_t size,
+                                     const std::filesystem::path& file) {
     std::vector<std::byte> bytes(static_cast<std::size_t>(size));
+    Platform::ClearSystemError();
     in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
     if (in.bad()) {
-        throw Exception(INTERNAL_INCONSISTENCY, "read error");
+        CopyFailed("read error", Platform::LastSystemError(), file);
     }
     if (in.eof()) {
-        throw Exception(INTERNAL_INCONSISTENCY, "file smaller than expected");
+        CopyFailed("file smaller than expected", {}, file);
     }
     if (static_cast<std::uint64_t>(in.gcount()) != size) {
-        throw Exception(INTERNAL_INCONSISTENCY, "didn't read enough");
+        CopyFailed("didn't read enough", {}, file);
     }
     if (in.peek() != std::ifstream::traits_type::eof()) {
-        throw Exception(INTERNAL_INCONSISTENCY, "file larger than expected");
+        CopyFailed("file larger than expected", {}, file);
     }
     return bytes;
 }
@@ -39,7 +44,11 @@ QobErrorCode_e ValidateData(const QOB_EntryInfo& entry) {
     QOB_FAILURE_TRAIL("in ValidateData");
     if (entry.ePackingType == QOB_PACK_FROM_FILE) {
         std::error_code error;
-        return entry.szPath[0] != '\0' && std::filesystem::exists(SourcePath(entry), error)
+        // A folder of that name is no file to pack.
+        const std::filesystem::file_status status =
+            std::filesystem::status(SourcePath(entry), error);
+        return entry.szPath[0] != '\0' && std::filesystem::exists(status) &&
+                       !std::filesystem::is_directory(status)
                    ? SUCCESS
                    : FILE_NOT_FOUND;
     }
@@ -93,15 +102,17 @@ void WriteFromMemory(Archive& archive, const Path& path, const std::byte* conten
 
 void WriteFromFile(Archive& archive, const Path& path, const std::filesystem::path& file,
                    bool compact, std::size_t padding) {
+    Platform::ClearSystemError();
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        throw Exception(FILE_NOT_FOUND, "cannot open file");
+        throw Exception(FILE_NOT_FOUND, "cannot open file", Platform::LastSystemError(),
+                        PathToUtf8(file));
     }
     const std::uint64_t size = std::filesystem::file_size(file);
     const UpdateSteps steps = GetUpdateSteps(archive, path, size, compact);
     if (steps.updateInPlace) {
         // Read all first, so that a short or growing file leaves the package untouched.
-        const std::vector<std::byte> bytes = ReadWholeFile(in, size);
+        const std::vector<std::byte> bytes = ReadWholeFile(in, size, file);
         archive.Update(Path(steps.storedName), bytes.data(), bytes.size());
     }
     if (steps.remove) {

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace QOB::Platform {
@@ -38,8 +39,9 @@ int FileError(FileStream* stream) noexcept; // last stored error, -1 for a null 
 // -6 cut done but the position could not be restored.
 int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept;
 
-// The system's text for one of its error numbers (errno; GetLastError on Windows).
-std::string SystemErrorText(int error);
+// What portable code needs to tell apart among the system's error numbers.
+enum class ErrorKind { NotFound, Exists, Denied, Other };
+ErrorKind KindOf(int error) noexcept;
 
 // A second stream on the same open file, with a position of its own; closing it leaves the
 // file open (the first stream must outlive it).
@@ -149,11 +151,24 @@ struct CreateBelowResult {
 // directories are created; an existing file is replaced by a new one, never written through.
 CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
                                   const std::vector<std::filesystem::path>& components);
-bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
+// All of data, or the system's reason why not.
+std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
 // Closes and frees; false when the system reported an error on closing.
 bool OutputClose(OutputFile* file) noexcept;
 // Two output names with the same key are the same file on this system (letter case is
 // ignored on Windows). UTF-8 in and out.
 std::string OutputNameKey(const std::string& utf8);
+
+// The cause of the last failed system call on this thread: errno on POSIX systems, GetLastError
+// on Windows, as an error code whose message() is the system's own text (UTF-8, one line).
+// Read it right after the failure, before anything else runs.
+std::error_code LastSystemError() noexcept;
+// The same for a number the system gave earlier (a stream's stored error, say).
+std::error_code SystemError(int value) noexcept;
+// Forgets the last failure, so that what LastSystemError reads next is new.
+void ClearSystemError() noexcept;
+// Why this user may not create files in folder, asked after a create there failed; none when
+// the system does not say (or would allow it).
+std::error_code CreateRefusedIn(const std::filesystem::path& folder) noexcept;
 
 } // namespace QOB::Platform

@@ -202,10 +202,22 @@ FileStream* StreamFromDescriptor(int fd) noexcept {
     return Wrap(fd);
 }
 
-std::string SystemErrorText(int error) {
-    char buffer[256] = {};
-    // The GNU variant returns the text, which need not be in buffer.
-    return ::strerror_r(error, buffer, sizeof buffer);
+ErrorKind KindOf(int error) noexcept {
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+        return ErrorKind::NotFound;
+    case EEXIST:
+        return ErrorKind::Exists;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+    case ETXTBSY:
+    case EISDIR:
+        return ErrorKind::Denied;
+    default:
+        return ErrorKind::Other;
+    }
 }
 
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <grp.h>
 #include <new>
@@ -26,7 +27,9 @@ struct Folder {
 
 namespace {
 
-std::atomic<bool> g_unnamedFiles{true};
+// Tests of the named fallback set QOB_TEST_NO_TMPFILE in the environment of a process they
+// cannot reach otherwise (the tool, a host in another language).
+std::atomic<bool> g_unnamedFiles{std::getenv("QOB_TEST_NO_TMPFILE") == nullptr};
 constexpr int kNoWait = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 void Describe(const struct stat& status, FileFacts& facts) noexcept {

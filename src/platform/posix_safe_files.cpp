@@ -140,9 +140,9 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
     return fail(CreateBelowResult::Status::Failed, EINVAL);
 }
 
-bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept {
+std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept {
     if (file == nullptr) {
-        return false;
+        return std::make_error_code(std::errc::bad_file_descriptor);
     }
     const auto* bytes = static_cast<const unsigned char*>(data);
     while (size > 0) {
@@ -150,13 +150,16 @@ bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept 
         if (put < 0 && errno == EINTR) {
             continue;
         }
-        if (put <= 0) {
-            return false;
+        if (put < 0) {
+            return {errno, std::system_category()};
+        }
+        if (put == 0) { // nothing written and no reason given: the device took no more
+            return {ENOSPC, std::system_category()};
         }
         bytes += put;
         size -= static_cast<std::size_t>(put);
     }
-    return true;
+    return {};
 }
 
 bool OutputClose(OutputFile* file) noexcept {

@@ -251,21 +251,22 @@ FileStream* StreamFromHandle(HANDLE handle) noexcept {
     return stream;
 }
 
-std::string SystemErrorText(int error) {
-    char* text = nullptr;
-    const DWORD length = ::FormatMessageA(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-        nullptr, static_cast<DWORD>(error), 0, reinterpret_cast<char*>(&text), 0, nullptr);
-    std::string result = length > 0 && text != nullptr ? std::string(text, length)
-                                                       : "system error " + std::to_string(error);
-    if (text != nullptr) {
-        ::LocalFree(text);
+ErrorKind KindOf(int error) noexcept {
+    switch (static_cast<DWORD>(error)) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_DIRECTORY:
+        return ErrorKind::NotFound;
+    case ERROR_FILE_EXISTS:
+    case ERROR_ALREADY_EXISTS:
+        return ErrorKind::Exists;
+    case ERROR_ACCESS_DENIED:
+    case ERROR_SHARING_VIOLATION:
+    case ERROR_WRITE_PROTECT:
+        return ErrorKind::Denied;
+    default:
+        return ErrorKind::Other;
     }
-    while (!result.empty() &&
-           (result.back() == '\n' || result.back() == '\r' || result.back() == '.')) {
-        result.pop_back();
-    }
-    return result;
 }
 
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept {

@@ -164,21 +164,24 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
     return fail(Status::Failed, ERROR_INVALID_NAME);
 }
 
-bool OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept {
+std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept {
     if (file == nullptr) {
-        return false;
+        return SystemError(ERROR_INVALID_HANDLE);
     }
     const auto* bytes = static_cast<const unsigned char*>(data);
     while (size > 0) {
         const DWORD round = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
         DWORD written = 0;
-        if (!::WriteFile(file->handle, bytes, round, &written, nullptr) || written == 0) {
-            return false;
+        if (!::WriteFile(file->handle, bytes, round, &written, nullptr)) {
+            return LastSystemError();
+        }
+        if (written == 0) { // nothing written and no reason given: the device took no more
+            return SystemError(ERROR_DISK_FULL);
         }
         bytes += written;
         size -= written;
     }
-    return true;
+    return {};
 }
 
 bool OutputClose(OutputFile* file) noexcept {

@@ -15,14 +15,14 @@ struct DosFields {
     unsigned second = 0; // always even
 };
 
-// year may be given in full (after 1980) or as years since 1900 (after 80), the rule the zip
+// year may be given in full (from 1980) or as years since 1900 (from 80), the rule the zip
 // layer has always had; month is 0-based, as in std::tm. Fields that overflow their bits are
 // cut, never carried into the next field.
 constexpr std::uint32_t PackDosTime(unsigned year, unsigned month0, unsigned day, unsigned hour,
                                     unsigned minute, unsigned second) noexcept {
-    if (year > 1980) {
+    if (year >= 1980) {
         year -= 1980;
-    } else if (year > 80) {
+    } else if (year >= 80) {
         year -= 80;
     }
     const std::uint32_t date = ((year * 16 + month0 + 1) * 32 + day) & 0xFFFF;
@@ -40,5 +40,9 @@ constexpr DosFields UnpackDosTime(std::uint32_t dos) noexcept {
     fields.second = (dos & 0x1F) * 2;
     return fields;
 }
+
+// Seconds since 1970 (UTC) of a DOS word, read as local time in the machine's time zone; 0
+// for a word that names no valid date.
+std::int64_t DosTimeToUnix(std::uint32_t dos) noexcept;
 
 } // namespace QOB

@@ -4,7 +4,7 @@
 
 namespace QOB {
 
-const char* ErrorName(int code) noexcept {
+const char* KnownErrorName(int code) noexcept {
     switch (code) {
     case SUCCESS:
         return "SUCCESS";
@@ -41,13 +41,33 @@ const char* ErrorName(int code) noexcept {
     case FUNC_NOT_IMPL:
         return "FUNC_NOT_IMPL";
     default:
-        return "invalid error code";
+        return nullptr;
     }
 }
 
+const char* ErrorName(int code) noexcept {
+    const char* name = KnownErrorName(code);
+    return name != nullptr ? name : "invalid error code";
+}
+
 Exception::Exception(QobErrorCode_e code, const std::string& text)
-    : code_(code), message_(std::string("[") + ErrorName(code) + "] " + text) {
+    : Exception(code, text, std::error_code(), std::string()) {}
+
+Exception::Exception(QobErrorCode_e code, const std::string& text, std::error_code cause,
+                     const std::string& subject)
+    : code_(code), message_(std::string("[") + ErrorName(code) + "] "), textStart_(message_.size()),
+      cause_(cause), subject_(subject) {
+    message_ += text;
     LogError("Exception: " + text);
+}
+
+void Exception::AddContext(std::error_code cause, const std::string& subject) {
+    if (!cause_) {
+        cause_ = cause;
+    }
+    if (subject_.empty()) {
+        subject_ = subject;
+    }
 }
 
 } // namespace QOB

@@ -1,12 +1,17 @@
 #include "support/log.hpp"
 
+#include <atomic>
 #include <cstdio>
 
 namespace QOB {
 namespace {
 
-void DefaultSink(int /*level*/, const char* message, void* /*user*/) {
-    std::printf("%s\n", message);
+std::atomic<int> g_defaultSinkLevel{static_cast<int>(LogLevel::Trace)};
+
+void DefaultSink(int level, const char* message, void* /*user*/) {
+    if (level <= g_defaultSinkLevel.load(std::memory_order_relaxed)) {
+        std::printf("%s\n", message);
+    }
 }
 
 // Plain globals on purpose: hosts set the sink once, before other calls.
@@ -27,6 +32,10 @@ void SetLogSink(QobLogFn fn, void* user) {
         g_logUser = nullptr;
     }
     Log(LogLevel::Trace, "logging is ready");
+}
+
+void SetDefaultSinkLevel(int level) noexcept {
+    g_defaultSinkLevel.store(level, std::memory_order_relaxed);
 }
 
 void Log(LogLevel level, const std::string& message) {

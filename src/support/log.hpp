@@ -1,4 +1,5 @@
-// Process-wide log sink and the six level writers. No filtering: every line reaches the sink.
+// Process-wide log sink and the six level writers. Every line reaches the sink; only the
+// built-in one may be told to drop the lines above a level.
 #pragma once
 
 #include <qob/qob.h>
@@ -11,6 +12,8 @@ enum class LogLevel : int { Fatal = 0, Error = 1, Warn = 2, Info = 3, Debug = 4,
 
 // Installs fn (or the built-in stdout sink when fn is null) and announces it.
 void SetLogSink(QobLogFn fn, void* user);
+// The highest level the built-in sink prints (Trace, every line, unless told otherwise).
+void SetDefaultSinkLevel(int level) noexcept;
 
 void Log(LogLevel level, const std::string& message);
 void LogFatal(const std::string& message);

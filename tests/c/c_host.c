@@ -1,6 +1,10 @@
 /* A C11 host: the header compiles as C, the host installs its own log sink, and every record
  * type goes through the lifecycle. Given a directory (as the install tests do, built against
- * the installed package), it also writes a package there and asks whether it is one. */
+ * the installed package), it also writes a package there and asks whether it is one.
+ * --ext runs the extension interface's checks in the current directory; --disk-full DIR and
+ * --denied DIR the checks of a prepared system; --make PATH writes a package for them. */
+#include "host_ext.h"
+
 #include <qob/qob.h>
 
 #include <stdio.h>
@@ -84,7 +88,19 @@ static int CheckCreate(const char* dir) {
 }
 
 int main(int argc, char** argv) {
-    int failures = CheckSink();
+    int failures;
+    if (argc == 3 && strcmp(argv[1], "--ext") != 0) {
+        if (strcmp(argv[1], "--disk-full") == 0) {
+            failures = CheckDiskFull(argv[2]);
+        } else if (strcmp(argv[1], "--denied") == 0) {
+            failures = CheckDenied(argv[2]);
+        } else {
+            failures = MakePackage(argv[2], "raw image bytes", 15) != SUCCESS;
+        }
+        printf("c host: %d failures\n", failures);
+        return failures == 0 ? 0 : 1;
+    }
+    failures = CheckSink();
     failures += Check(QOB_OBJECT_PACKAGE_INFO, sizeof(QOB_PackageInfo));
     failures += Check(QOB_OBJECT_IMAGE_FILES, sizeof(QOB_ImageFiles));
     failures += Check(QOB_OBJECT_UPDATE_ARGS, sizeof(QOB_UpdateArgs));
@@ -94,7 +110,9 @@ int main(int argc, char** argv) {
     if (QOB_Constructor(NULL, QOB_OBJECT_ENTRY_INFO) != INVALID_POINTER) {
         ++failures;
     }
-    if (argc == 2) {
+    if (argc == 2 && strcmp(argv[1], "--ext") == 0) {
+        failures += CheckExtensions();
+    } else if (argc == 2) {
         failures += CheckCreate(argv[1]);
     }
     printf("c host: %d failures\n", failures);

@@ -1,13 +1,19 @@
-# Fails unless the library exports exactly the ten entry points: nine plain C names and the
-# decorated QOB_SetLogFn (and, on Windows, imports nothing but system DLLs). Run as: cmake -DLIBRARY=... -DWINDOWS=ON|OFF -DOBJDUMP=... -P
+# Fails unless the library exports exactly the ten entry points (nine plain C names and the
+# decorated QOB_SetLogFn) and the QOBX_ extensions, and, on Windows, imports nothing but
+# system DLLs. Run as: cmake -DLIBRARY=... -DWINDOWS=ON|OFF -DOBJDUMP=... -P
 # QOB_SetLogFn carries each platform's own C++ decoration: MSVC's on Windows, where the hosts
-# are built with MSVC, and the Itanium one on Linux.
-set(expected QOB_Constructor QOB_Create QOB_Destructor QOB_Extract QOB_GetLensCastCalibInfo
-             QOB_GetPackageInfo QOB_IsQob QOB_RemoveEntry QOB_Update)
+# are built with MSVC, and the Itanium one on Linux. On Linux every export carries the version
+# node it came with: the ten QOB_0.1, the extensions QOB_0.2.
+set(ten QOB_Constructor QOB_Create QOB_Destructor QOB_Extract QOB_GetLensCastCalibInfo
+        QOB_GetPackageInfo QOB_IsQob QOB_RemoveEntry QOB_Update)
+set(extensions QOBX_CodeName QOBX_LastError QOBX_ListEntries QOBX_ReadEntry QOBX_SetLogLevel
+               QOBX_SetProgressFn QOBX_Version)
 if(WINDOWS)
-  list(APPEND expected "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")
+  set(expected ${ten} ${extensions} "?QOB_SetLogFn@@YAXP6AXHPEBDPEAX@Z1@Z")
 else()
-  list(APPEND expected _Z12QOB_SetLogFnPFviPKcPvES1_)
+  list(TRANSFORM ten APPEND "@@QOB_0.1")
+  list(TRANSFORM extensions APPEND "@@QOB_0.2")
+  set(expected ${ten} ${extensions} _Z12QOB_SetLogFnPFviPKcPvES1_@@QOB_0.1 QOB_0.1 QOB_0.2)
 endif()
 if(WINDOWS)
   execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE dump RESULT_VARIABLE failed)

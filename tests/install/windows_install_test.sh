@@ -13,8 +13,8 @@ version=$5
 name=windows_install_test
 source "${BASH_SOURCE%/*}/../common/install_prefix.sh"
 expected=(bin/qob.dll bin/qob.exe lib/qob.lib lib/libqob.dll.a include/qob/qob.h
-  lib/cmake/qob/qobConfig.cmake lib/cmake/qob/qobConfigVersion.cmake lib/cmake/qob/qobTargets.cmake
-  README.md)
+  include/qob/qob_ext.h lib/cmake/qob/qobConfig.cmake lib/cmake/qob/qobConfigVersion.cmake
+  lib/cmake/qob/qobTargets.cmake lib/cmake/qob/LICENSE README.md LICENSE)
 for file in "${expected[@]}"; do
   [[ -f $prefix/$file ]] || fail "$file not installed"
 done

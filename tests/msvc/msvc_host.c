@@ -2,8 +2,10 @@
  * against the installed qob.lib. It compiles as C and as C++, so both ways of reaching the
  * decorated QOB_SetLogFn are taken. It creates a package from memory, reads every field of
  * the records back and checks each against the bytes in the file, finds an LCC, extracts an
- * entry into a buffer and frees what the library allocated. Exit code: number of failures. */
-#include <qob/qob.h>
+ * entry into a buffer and frees what the library allocated. Then the extensions: version, code
+ * names, the listing against the records, a ranged read, the last-error record and progress.
+ * Exit code: number of failures. */
+#include <qob/qob_ext.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -249,8 +251,94 @@ static void Run(void) {
     Check(g_info.files.pLccs == 0 && g_info.files.pIccs == 0, "the lists are freed");
 }
 
+static int Equal(const char* a, const char* b) {
+    return Length(a) == Length(b) && Same(a, b, Length(a));
+}
+
+struct Progress {
+    unsigned calls;
+    unsigned long long done;
+    unsigned long long total;
+};
+
+static void OnProgress(uint64_t done, uint64_t total, void* user) {
+    struct Progress* progress = (struct Progress*)user;
+    ++progress->calls;
+    progress->done = done;
+    progress->total = total;
+}
+
+static QOBX_EntryStat g_entries[40];
+static QOBX_Error g_error;
+
+static void RunExtensions(void) {
+    struct SinkState state = {0, 0, 0};
+    struct Progress progress = {0, 0, 0};
+    uint32_t count = 0;
+    uint32_t read = 0;
+    uint32_t i;
+    int proxyListed = 0;
+
+    Check(QOB_Constructor(&g_info, QOB_OBJECT_PACKAGE_INFO) == SUCCESS, "constructor");
+    Copy(g_info.szPackagePath, kPackage);
+    Check(QOB_GetPackageInfo(&g_info) == SUCCESS, "QOB_GetPackageInfo");
+    Check(Equal(QOBX_Version(), QOB_VERSION_STRING), "QOBX_Version is the header's");
+    Check(Equal(QOBX_CodeName(QOB_INTERNAL_INCONSISTENCY), "INTERNAL_INCONSISTENCY") &&
+              Equal(QOBX_CodeName(-16), "UNKNOWN"),
+          "QOBX_CodeName");
+
+    /* 8 files and 23 manifests; each file where its record says. */
+    Check(QOBX_ListEntries(kPackage, 0, 0, &count) == SUCCESS && count == 31,
+          "QOBX_ListEntries counts 31 entries");
+    Check(QOBX_ListEntries(kPackage, g_entries, 40, &count) == SUCCESS && count == 31,
+          "QOBX_ListEntries");
+    for (i = 0; i < count && i < 40; ++i) {
+        if (Equal(g_entries[i].name, g_info.files.proxy.szPath)) {
+            proxyListed = g_entries[i].contentSize == Length(kProxy.content) &&
+                          g_entries[i].dataOffset == g_info.files.proxy.uDataOffset &&
+                          g_entries[i].dosTime == g_info.files.proxy.uTime &&
+                          g_entries[i].unixTime > 0;
+        }
+    }
+    Check(proxyListed, "the proxy's listing matches its record");
+
+    Check(QOBX_ReadEntry(kPackage, g_info.files.proxy.szPath, 6, g_buffer, 7, &read) == SUCCESS &&
+              read == 7 && Same(g_buffer, "preview", 7),
+          "QOBX_ReadEntry of a range");
+
+    Check(QOBX_ReadEntry(kPackage, "nope", 0, g_buffer, 4, &read) == FILE_NOT_IN_PACKAGE &&
+              QOBX_LastError(&g_error) == FILE_NOT_IN_PACKAGE && Equal(g_error.subject, "nope") &&
+              Equal(g_error.codeName, "FILE_NOT_IN_PACKAGE") && g_error.systemError == 0,
+          "the last-error record of a missing entry");
+    Check(QOB_IsQob("msvc_missing.qob") == PACKAGE_NOT_FOUND &&
+              QOBX_LastError(&g_error) == PACKAGE_NOT_FOUND &&
+              Equal(g_error.message, "no such archive") &&
+              Equal(g_error.subject, "msvc_missing.qob") && g_error.systemError != 0 &&
+              g_error.systemMessage[0] != '\0',
+          "the last-error record of a missing package carries the system's reason");
+    Check(QOB_IsQob(kPackage) == SUCCESS && QOBX_LastError(&g_error) == SUCCESS &&
+              g_error.message[0] == '\0' && g_error.subject[0] == '\0',
+          "a success resets the record");
+
+    /* The host's own sink gets every line whatever the built-in sink's level. */
+    QOB_SetLogFn(&Sink, &state);
+    QOBX_SetLogLevel(0);
+    QOB_IsQob(kPackage);
+    QOBX_SetLogLevel(5);
+    Check(state.lines > 2, "a host's sink ignores the built-in sink's level");
+
+    QOBX_SetProgressFn(&OnProgress, &progress);
+    Copy(g_create.szPackagePath, "msvc_progress.qob");
+    Check(QOB_Create(&g_create) == SUCCESS && progress.calls > 0 &&
+              progress.done == progress.total && progress.total > 0,
+          "progress of a create ends with done == total");
+    QOBX_SetProgressFn(0, 0);
+    Check(QOB_Destructor(&g_info, QOB_OBJECT_PACKAGE_INFO) == SUCCESS, "destructor");
+}
+
 int HostMain(void) {
     Run();
+    RunExtensions();
     Print(g_failures == 0 ? "msvc host: all checks passed\n" : "msvc host: checks failed\n");
     ExitProcess((unsigned)g_failures);
     return g_failures;

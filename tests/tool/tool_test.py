@@ -1,19 +1,23 @@
 #!/usr/bin/env python3
 """Runs the built qob tool as a user would and checks its output, files and exit codes.
 
-usage: tool_test.py --tool PATH [--emulator PROGRAM] [--quick]
+usage: tool_test.py --tool PATH [--emulator PROGRAM] [--quick] [--no-memory-limit]
 --emulator runs the tool through a program (Wine for the Windows build); --quick runs only
-the create, info and extract round trip.
+the create, info and extract round trip; --no-memory-limit leaves out the address-space limit
+(a sanitized tool reserves more than any limit allows).
 """
 import argparse
 import json
 import os
 import pathlib
 import random
+import resource
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import zipfile
 
@@ -54,19 +58,27 @@ class ToolCase(unittest.TestCase):
     def write(self, name, data):
         (self.dir / name).write_bytes(data)
 
-    def run_tool(self, *args, expect=0):
-        command = ([OPTIONS.emulator] if OPTIONS.emulator else []) + [OPTIONS.tool, *args]
-        result = subprocess.run(command, cwd=self.dir, capture_output=True, timeout=300)
+    def run_tool(self, *args, expect=0, limit=None, wrap=()):
+        """Runs the tool in the test's directory; limit caps its address space (bytes), wrap
+        is a command that runs it."""
+        command = [*wrap] + ([OPTIONS.emulator] if OPTIONS.emulator else []) + \
+            [OPTIONS.tool, *args]
+
+        def cap():
+            resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
+
+        result = subprocess.run(command, cwd=self.dir, capture_output=True, timeout=300,
+                                preexec_fn=cap if limit else None)
         result.out = result.stdout.decode("utf-8", "replace")
         result.err = result.stderr.decode("utf-8", "replace")
         self.assertIn(result.returncode, expect if isinstance(expect, tuple) else (expect,),
                       f"qob {' '.join(args)}\nstdout: {result.out}\nstderr: {result.err}")
         return result
 
-    def fail_tool(self, *args, code_name, expect=1):
+    def fail_tool(self, *args, code_name, expect=1, **options):
         """A failure: the exit status, nothing on standard output, one line on standard error
         naming the cause."""
-        result = self.run_tool(*args, expect=expect)
+        result = self.run_tool(*args, expect=expect, **options)
         lines = result.err.splitlines()
         self.assertEqual((len(lines), result.out), (1, ""), lines)
         self.assertIn(code_name, lines[0])
@@ -198,7 +210,6 @@ class ToolCase(unittest.TestCase):
         with zipfile.ZipFile(self.dir / "album.zip", "w") as archive:
             archive.writestr("a.txt", b"text")
         refusals = [("album.zip", "a.txt", 3, "not an image package"),
-                    (PACKAGE, "manifest.xml", 1, "refusing"),
                     (PACKAGE, RAW, 1, "refusing to remove the raw image"),
                     (PACKAGE, "absent.bin", 4, "no entry"),
                     (PACKAGE, (BASE + ".msk").upper(), 4, "no entry"),
@@ -216,11 +227,33 @@ class ToolCase(unittest.TestCase):
         self.assertEqual(self.run_tool("-q", "rm", "--force", PACKAGE, RAW).out, "")
         self.assertNotIn(RAW, self.listing())
 
+    def test_rm_refuses_every_manifest(self):
+        self.create_full()
+        before = (self.dir / PACKAGE).read_bytes()
+        manifests = sorted(name for name in self.listing() if name.startswith("manifest"))
+        self.assertEqual(len(manifests), 23)
+        for name in manifests + ["MANIFEST1680.XML"]:  # and any spelling the lookup accepts
+            line = self.fail_tool("rm", PACKAGE, name, code_name="refusing", expect=(1, 4))
+            self.assertIn(name, line)
+            self.assertEqual((self.dir / PACKAGE).read_bytes(), before, name)
+        # Forced, the removal is reported only if the entry is really gone.
+        result = self.run_tool("rm", "--force", PACKAGE, "manifest50.xml", expect=(0, 1))
+        gone = "manifest50.xml" not in self.listing()
+        self.assertEqual((result.returncode == 0, "removed" in result.out), (gone, gone))
+
     def test_verbosity(self):
         self.create_full()
-        self.assertNotIn("[QOB]", self.run_tool("info", PACKAGE).err)
-        self.assertIn("[QOB][TRACE]", self.run_tool("-vvv", "info", PACKAGE).err)
-        self.assertNotIn("[QOB][TRACE]", self.run_tool("-v", "info", PACKAGE).err)
+        # (arguments, library levels shown on standard error)
+        rows = [(["info", PACKAGE], set()), (["-v", "info", PACKAGE], set()),
+                (["info", PACKAGE, "-vv"], {"DEBUG"}), (["-qvvv", "info", PACKAGE], {"DEBUG", "TRACE"})]
+        for args, shown in rows:
+            err = self.run_tool(*args).err.splitlines()
+            self.assertEqual({line[6:11] for line in err}, shown, args)
+        # A package that is only readable gives no warning unless asked for.
+        if hasattr(os, "geteuid") and os.geteuid() != 0:
+            (self.dir / PACKAGE).chmod(0o444)
+            for command in (["info"], ["ls"], ["verify"], ["cat", PACKAGE, RAW]):
+                self.assertEqual(self.run_tool(*command[:1], PACKAGE, *command[2:]).err, "")
         # With -v the library's error trail is shown; the summary line comes last.
         self.write("plain.zip", b"PK\x05\x06" + bytes(18))
         verbose = self.run_tool("--verbose", "info", "plain.zip", expect=3).err.splitlines()
@@ -247,17 +280,21 @@ class ToolCase(unittest.TestCase):
                              "new.qob: Permission denied", 1))
         for args, text, status in failures:
             self.fail_tool(*args, code_name=text, expect=status)
-        overview = self.run_tool("--help").out
-        self.assertTrue("commands:" in overview and "exit status:" in overview)
-        self.assertRegex(self.run_tool("--version").out, r"^qob \d+\.\d+\.\d+\n$")
+        for overview in (self.run_tool("--help").out, self.run_tool("help").out):
+            self.assertTrue("Subcommands:" in overview and "Exit status:" in overview)
+        self.assertRegex(self.run_tool("--version").out,
+                         r"^qob \d+\.\d+\.\d+ \(library \d+\.\d+\.\d+\)\n$")
         self.run_tool(expect=2)
         for command in ("create", "update", "info", "ls", "lcc", "check", "verify", "extract",
                         "cat", "rm"):
-            self.assertIn("usage: qob " + command, self.run_tool(command, "--help").out)
+            for args in ([command, "--help"], ["help", command]):
+                self.assertIn("Usage: qob " + command, self.run_tool(*args).out)
         create = ["create", "p.qob", "--raw", RAW]
-        for args in (["frobnicate"], ["info"], ["info", "a", "b"], ["info", "--bogus", "a"],
-                     create[:2], create[:3], create + ["--reserve", "-5"], ["cat", "--json", "p"],
-                     create + ["--lcc", "noid"], create + ["--icc", "=x.icc"]):
+        for args in (["frobnicate"], ["help", "frobnicate"], ["info"], ["info", "a", "b"],
+                     ["info", "--bogus", "a"], create[:2], create[:3],
+                     create + ["--reserve", "-5"], create + ["--reserve", "4294967296"],
+                     ["cat", "--json", "p"], create + ["--lcc", "noid"],
+                     create + ["--icc", "=x.icc"], ["-x", "info", "a"]):
             self.fail_tool(*args, code_name="", expect=2)
         self.assertFalse((self.dir / "p.qob").exists())
 
@@ -285,6 +322,84 @@ class ToolCase(unittest.TestCase):
             self.run_tool("verify", "hostile.zip", expect=3)
 
 
+    def test_cat_takes_constant_memory_whatever_the_directory_claims(self):
+        # A tiny zip whose central directory claims an entry of about 4 GiB: cat must fail
+        # cleanly in an address space of 256 MiB, never set the claimed size aside.
+        with zipfile.ZipFile(self.dir / "small.zip", "w") as archive:
+            archive.writestr("big.bin", b"tiny content")
+        good = (self.dir / "small.zip").read_bytes()
+        central = good.index(b"PK\x01\x02")
+        limit = None if OPTIONS.no_memory_limit else 256 << 20
+        # (compressed size, uncompressed size) the directory claims
+        for claim in ((12, 0xFFFFFFF0), (0xFFFFFFF0, 0xFFFFFFF0), (0xFFFFFFFF, 0xFFFFFFFF)):
+            data = good[:central + 20] + struct.pack("<II", *claim) + good[central + 28:]
+            self.write("claims.zip", data)
+            result = self.run_tool("cat", "claims.zip", "big.bin", expect=(1, 3), limit=limit)
+            self.assertEqual((len(result.err.splitlines()), result.out), (1, ""), result.err)
+            self.assertNotIn("bad_alloc", result.err)
+        # A real entry of 64 MiB streams through the same limit.
+        self.write("raw64.bin", bytes(64 << 20))
+        self.run_tool("create", "p64.qob", "--raw", "raw64.bin")
+        out = self.run_tool("cat", "p64.qob", "raw64.bin", limit=limit).stdout
+        self.assertEqual((len(out), out.count(0)), (64 << 20, 64 << 20))
+
+    def test_disk_full_has_its_own_message_and_status(self):
+        if shutil.which("unshare") is None or not hasattr(os, "geteuid") or os.geteuid() != 0 \
+                or subprocess.run(["unshare", "-m", "true"]).returncode != 0:
+            self.skipTest("needs root and a private mount namespace")
+        self.write("raw3.bin", random.Random(3).randbytes(3 << 20))
+        (self.dir / "tiny").mkdir()
+        mount = ["unshare", "-m", "sh", "-c",
+                 'mount -t tmpfs -o size=1m tmpfs tiny && exec "$@"', "sh"]
+        result = self.run_tool("create", "tiny/p.qob", "--raw", "raw3.bin", wrap=mount, expect=5)
+        self.assertEqual((result.out, result.err),
+                         ("", "qob create: tiny/p.qob: No space left on device\n"))
+
+    def run_on_terminal(self, *args):
+        """Runs the tool in a tmux pane and returns every byte it wrote there."""
+        self.terminals = getattr(self, "terminals", 0) + 1
+        socket = f"qob-test-{os.getpid()}-{self.terminals}"
+        log = self.dir / f"terminal{self.terminals}.log"
+        tmux = ["tmux", "-L", socket]
+        environment = dict(os.environ, TERM="xterm", QOB_PROGRESS_DELAY="0")
+        command = " ".join(f"'{a}'" for a in [OPTIONS.tool, *args])
+        self.addCleanup(subprocess.run, tmux + ["kill-server"], stderr=subprocess.DEVNULL)
+        # The pane waits for a key, so that its output is recorded from the first byte.
+        subprocess.run(tmux + ["new-session", "-d", "-s", "t", "-x", "150", "-y", "20", "-c",
+                               str(self.dir), f"read go; {command}; echo exit=$?; read done"],
+                       check=True, env=environment)
+        subprocess.run(tmux + ["pipe-pane", "-t", "t", "-o", f"cat >> '{log}'"], check=True)
+        subprocess.run(tmux + ["send-keys", "-t", "t", "Enter"], check=True)
+        deadline = time.monotonic() + 60
+        while "exit=" not in (log.read_text(errors="replace") if log.exists() else ""):
+            self.assertLess(time.monotonic(), deadline, "the tool did not finish in tmux")
+            time.sleep(0.1)
+        subprocess.run(tmux + ["kill-server"], stderr=subprocess.DEVNULL)
+        return log.read_text(errors="replace")
+
+    def test_progress_on_a_terminal_only(self):
+        if shutil.which("tmux") is None:
+            self.skipTest("needs tmux")
+        self.write("raw8.bin", random.Random(8).randbytes(8 << 20))
+        # (command, what it says when done); each shows a bar on the terminal
+        rows = [(["create", "p.qob", "--raw", "raw8.bin"], "created"),
+                (["verify", "p.qob"], "sound"), (["extract", "p.qob", "out"], "extracted")]
+        for args, done in rows:
+            shown = self.run_on_terminal(*args)
+            self.assertRegex(shown, args[0] + r" \[#+ *\] +\d+%", args)
+            self.assertIn(done, shown)
+            self.assertIn("exit=0", shown)
+        # None with -q, and none when standard error is not a terminal.
+        self.assertNotIn("%", self.run_on_terminal("-q", "verify", "p.qob"))
+        for args, _ in rows:
+            shutil.rmtree(self.dir / "out", ignore_errors=True)
+            if args[0] == "create":
+                (self.dir / "p.qob").unlink()
+            result = self.run_tool(*args)
+            self.assertNotIn("%", result.err + result.out)
+            self.assertNotIn("\r", result.err)
+
+
 class WineCase(ToolCase):
     """The part that runs under an emulator: create, info and extract."""
 
@@ -302,6 +417,7 @@ def main():
     parser.add_argument("--tool", required=True)
     parser.add_argument("--emulator")
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--no-memory-limit", action="store_true")
     OPTIONS, _ = parser.parse_known_args()
     OPTIONS.tool = os.path.abspath(OPTIONS.tool)
     suite = unittest.TestSuite([WineCase()]) if OPTIONS.quick else \

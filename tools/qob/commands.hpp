@@ -1,28 +1,41 @@
-// The subcommands. Each takes the arguments after its name and whether -q was given, and
-// returns the exit status; failures are thrown as ToolError or UsageError.
+// The subcommands. Each takes the options the command line gave and returns the exit status;
+// failures are thrown as ToolError.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace qobtool {
 
-using Args = std::vector<std::string>;
-
 // Reserved space behind a settings file unless --reserve says otherwise: enough for the
 // settings of a heavily edited image to grow without moving.
-inline constexpr unsigned kDefaultSettingsReserve = 16384;
+inline constexpr std::uint32_t kDefaultSettingsReserve = 16384;
 
-int RunCreate(const Args& args, bool quiet);
-int RunUpdate(const Args& args, bool quiet);
-int RunRemove(const Args& args, bool quiet);
+// What the command line said; each command reads the fields it declared.
+struct Options {
+    bool quiet = false;
+    int verbosity = 0;
+    std::string package;
+    std::string second; // ENTRY, ID or DIR
+    bool json = false;
+    bool force = false;
+    std::optional<std::string> raw, settings, proxy, mask, hair;
+    std::vector<std::string> lccs, iccs; // ID=FILE
+    std::optional<std::uint32_t> reserve;
+};
 
-int RunInfo(const Args& args, bool quiet);
-int RunList(const Args& args, bool quiet);
-int RunLcc(const Args& args, bool quiet);
-int RunCheck(const Args& args, bool quiet);
-int RunVerify(const Args& args, bool quiet);
-int RunExtract(const Args& args, bool quiet);
-int RunCat(const Args& args, bool quiet);
+int RunCreate(const Options& options);
+int RunUpdate(const Options& options);
+int RunRemove(const Options& options);
+
+int RunInfo(const Options& options);
+int RunList(const Options& options);
+int RunLcc(const Options& options);
+int RunCheck(const Options& options);
+int RunVerify(const Options& options);
+int RunExtract(const Options& options);
+int RunCat(const Options& options);
 
 } // namespace qobtool

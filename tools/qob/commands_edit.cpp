@@ -1,29 +1,22 @@
 // The subcommands that change a package: create, update, rm.
-#include "cli.hpp"
 #include "commands.hpp"
 #include "host_platform.hpp"
-#include "library_log.hpp"
+#include "library.hpp"
+#include "progress.hpp"
+#include "text.hpp"
 
 #include <qob/qob.h>
 
-#include "core/package_audit.hpp"
-#include "support/utf8_path.hpp"
+#include <CLI/Error.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 
 namespace qobtool {
 namespace {
-
-const std::vector<OptionDef> kCompanionOptions = {
-    {"--settings", true}, {"--proxy", true}, {"--lcc", true},     {"--icc", true},
-    {"--mask", true},     {"--hair", true},  {"--reserve", true},
-};
 
 QOB_EntryInfo FileEntry(const std::string& path, std::uint32_t reserve, const std::string& id,
                         std::string_view what) {
@@ -38,28 +31,28 @@ QOB_EntryInfo FileEntry(const std::string& path, std::uint32_t reserve, const st
 
 // The companion files named on the command line, and the lists their records point into.
 struct Companions {
-    explicit Companions(const ParsedArgs& parsed) {
-        const std::optional<std::string> reserveText = parsed.Get("--reserve");
-        const std::uint32_t reserve = reserveText ? ParseByteCount(*reserveText, "--reserve") : 0;
-        const std::uint32_t settingsReserve = reserveText ? reserve : kDefaultSettingsReserve;
-        auto single = [&](const char* option, QOB_EntryInfo& entry, std::uint32_t space) {
-            if (const auto path = parsed.Get(option)) {
+    explicit Companions(const Options& options) {
+        const std::uint32_t reserve = options.reserve.value_or(0);
+        const std::uint32_t settingsReserve = options.reserve.value_or(kDefaultSettingsReserve);
+        auto single = [&](const std::optional<std::string>& path, const char* what,
+                          QOB_EntryInfo& entry, std::uint32_t space) {
+            if (path) {
                 RequireFile(*path, false);
-                entry = FileEntry(*path, space, "", option + 2);
+                entry = FileEntry(*path, space, "", what);
                 ++count;
             }
         };
         QOB_Constructor(&files, QOB_OBJECT_IMAGE_FILES);
-        single("--settings", files.settings, settingsReserve);
-        single("--proxy", files.proxy, reserve);
-        single("--mask", files.mask, reserve);
-        single("--hair", files.hair, reserve);
-        for (const std::string& value : parsed.All("--lcc")) {
+        single(options.settings, "settings", files.settings, settingsReserve);
+        single(options.proxy, "proxy", files.proxy, reserve);
+        single(options.mask, "mask", files.mask, reserve);
+        single(options.hair, "hair", files.hair, reserve);
+        for (const std::string& value : options.lccs) {
             const auto [id, path] = SplitIdAndFile(value, "--lcc");
             RequireFile(path, false);
             lccs.push_back(FileEntry(path, reserve, id, "lcc"));
         }
-        for (const std::string& value : parsed.All("--icc")) {
+        for (const std::string& value : options.iccs) {
             const auto [id, path] = SplitIdAndFile(value, "--icc");
             RequireFile(path, false);
             iccs.push_back(FileEntry(path, reserve, id, "icc"));
@@ -78,20 +71,41 @@ struct Companions {
     std::size_t count = 0;
 };
 
+// Refuses, with the library's answer, a file that is not a package, before anything changes.
+void RequirePackage(const std::string& package, const char* action) {
+    RequireFile(package, true);
+    if (QOB_IsQob(package.c_str()) != SUCCESS) {
+        const QOBX_Error error = LastError();
+        throw ToolError(package + ": not an image package, " + action + " (" + Describe(error) +
+                            ")",
+                        StatusFor(error, package));
+    }
+}
+
+// A QOB_PackageInfo on the heap, read by the library and released with its lists.
+struct PackageRecord {
+    explicit PackageRecord(const std::string& package) : info(std::make_unique<QOB_PackageInfo>()) {
+        QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
+        CopyField(info->szPackagePath, package, "package path");
+        Check(QOB_GetPackageInfo(info.get()), package);
+    }
+    ~PackageRecord() { QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO); }
+    PackageRecord(const PackageRecord&) = delete;
+    PackageRecord& operator=(const PackageRecord&) = delete;
+    std::unique_ptr<QOB_PackageInfo> info;
+};
+
+bool HasEntry(const std::string& package, const std::string& name) {
+    return std::ranges::any_of(ListEntries(package),
+                               [&](const QOBX_EntryStat& e) { return name == e.name; });
+}
+
 } // namespace
 
-int RunCreate(const Args& args, bool quiet) {
-    std::vector<OptionDef> known = kCompanionOptions;
-    known.push_back({"--raw", true});
-    const ParsedArgs parsed = ParseArgs(args, known);
-    RequirePositional(parsed, {"PKG"});
-    const std::optional<std::string> raw = parsed.Get("--raw");
-    if (!raw) {
-        throw UsageError("missing --raw FILE");
-    }
-    const std::string& package = parsed.positional[0];
-    RequireFile(*raw, false);
-    Companions companions(parsed);
+int RunCreate(const Options& options) {
+    const std::string& package = options.package;
+    RequireFile(*options.raw, false);
+    Companions companions(options);
     std::FILE* existing = IsDirectory(package) ? nullptr : OpenFile(package, "rb");
     if (existing != nullptr) {
         std::fclose(existing);
@@ -99,58 +113,33 @@ int RunCreate(const Args& args, bool quiet) {
     if (existing != nullptr || IsDirectory(package)) {
         throw ToolError(package + ": " + std::strerror(EEXIST));
     }
-
     auto create = std::make_unique<QOB_CreateArgs>();
     QOB_Constructor(create.get(), QOB_OBJECT_CREATE_ARGS);
     create->files = companions.files;
-    create->files.raw = FileEntry(*raw, 0, "", "raw image path");
+    create->files.raw = FileEntry(*options.raw, 0, "", "raw image path");
     CopyField(create->szPackagePath, package, "package path");
-    BeginCall();
-    const QobErrorCode_e result = QOB_Create(create.get());
-    if (result != SUCCESS) {
-        const std::string message = Describe(result, "QOB_Create");
-        // A failed create may leave a partial file behind: the package did not exist before.
-        std::error_code error;
-        std::filesystem::remove(QOB::PathFromUtf8(package), error);
-        // Where the system refuses the file itself, its reason says more than the library's.
-        if (std::FILE* probe = OpenFile(package, "wb")) {
-            std::fclose(probe);
-            std::filesystem::remove(QOB::PathFromUtf8(package), error);
-        } else {
-            throw ToolError(package + ": " + std::strerror(errno));
-        }
-        throw ToolError(package + ": " + message);
+    {
+        ProgressBar bar("create", ProgressWanted(options.quiet));
+        const LibraryProgress progress(bar);
+        Check(QOB_Create(create.get()), package);
     }
-    if (!quiet) {
+    if (!options.quiet) {
         std::printf("created %s\n", package.c_str());
     }
     return kExitSuccess;
 }
 
-// Refuses, with the library's answer, a file that is not a package, before anything changes.
-static void RequirePackage(const std::string& package, const char* action) {
-    RequireFile(package, true);
-    BeginCall();
-    const QobErrorCode_e result = QOB_IsQob(package.c_str());
-    if (result != SUCCESS) {
-        const std::string message = Describe(result, "QOB_IsQob");
-        throw ToolError(package + ": not an image package, " + action + " (" + message + ")",
-                        StatusFor(result, package));
-    }
-}
-
-int RunUpdate(const Args& args, bool quiet) {
-    const ParsedArgs parsed = ParseArgs(args, kCompanionOptions);
-    RequirePositional(parsed, {"PKG"});
-    const std::string& package = parsed.positional[0];
-    Companions companions(parsed);
+int RunUpdate(const Options& options) {
+    const std::string& package = options.package;
+    Companions companions(options);
     if (companions.count == 0) {
-        throw UsageError("nothing to update: name at least one file");
+        throw CLI::ValidationError("nothing to update: name at least one file");
     }
     RequirePackage(package, "nothing updated");
 
-    // The package as it stands is read into the record that the update merges into; the
-    // merged record owns the lists the library allocated, and is released once, at the end.
+    // The package as it stands is read into the record that the update merges into; its
+    // lists are the library's, released through the embedded record (the update's own
+    // destructor frees nothing).
     auto update = std::make_unique<QOB_UpdateArgs>();
     QOB_Constructor(update.get(), QOB_OBJECT_UPDATE_ARGS);
     struct Release {
@@ -159,95 +148,54 @@ int RunUpdate(const Args& args, bool quiet) {
     } release{&update->info};
     CopyField(update->szPackagePath, package, "package path");
     CopyField(update->info.szPackagePath, package, "package path");
-    BeginCall();
-    Check(QOB_GetPackageInfo(&update->info), "QOB_GetPackageInfo", package);
+    Check(QOB_GetPackageInfo(&update->info), package);
     update->files = companions.files;
-    BeginCall();
-    Check(QOB_Update(update.get()), "QOB_Update", package);
-    if (!quiet) {
+    {
+        ProgressBar bar("update", ProgressWanted(options.quiet));
+        const LibraryProgress progress(bar);
+        Check(QOB_Update(update.get()), package);
+    }
+    if (!options.quiet) {
         std::printf("updated %s\n", package.c_str());
     }
     return kExitSuccess;
 }
 
-namespace {
+int RunRemove(const Options& options) {
+    const std::string& package = options.package;
+    const std::string& entry = options.second;
 
-bool SameIgnoringCase(std::string_view a, std::string_view b) {
-    return std::ranges::equal(a, b, [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) ==
-               std::tolower(static_cast<unsigned char>(y));
-    });
-}
-
-bool HasEntry(const std::string& package, const std::string& entry) {
-    for (const auto& e : QOB::Inspect::ListEntries(package, false)) {
-        if (e.name == entry) {
-            return true;
-        }
-    }
-    return false;
-}
-
-} // namespace
-
-int RunRemove(const Args& args, bool quiet) {
-    const ParsedArgs parsed = ParseArgs(args, {{"--force", false}});
-    RequirePositional(parsed, {"PKG", "ENTRY"});
-    const std::string& package = parsed.positional[0];
-    const std::string& entry = parsed.positional[1];
-
-    // Everything that would make the call fail, or leave a package that no longer opens, is
-    // found before the package is touched.
+    // Everything that would make the call fail, or leave a package that no longer opens or
+    // whose manifests are written again over the removal, is found before the package is
+    // touched.
     RequirePackage(package, "nothing removed");
-    bool present = false;
-    try {
-        present = HasEntry(package, entry);
-    } catch (const QOB::Inspect::Failure& e) {
-        throw ToolError(package + ": " + e.what(), kExitNotPackage);
+    if (!options.force && IsManifestName(entry)) {
+        throw ToolError(package + ": refusing to remove the manifest " + entry +
+                        ": the manifests are written again by every change, and without "
+                        "manifest.xml the file is no image package (--force removes it)");
     }
-    if (!present) {
+    if (!HasEntry(package, entry)) {
         throw ToolError(package + ": no entry " + entry + " (names are compared exactly)",
                         kExitNotFound);
     }
-    if (!parsed.Has("--force")) {
-        const char* primary = QOB::Inspect::ManifestNames()[0];
-        if (SameIgnoringCase(entry, primary)) {
-            throw ToolError(package + ": refusing to remove " + entry +
-                            ": without it the file is no image package (--force removes it)");
-        }
-        auto info = std::make_unique<QOB_PackageInfo>();
-        QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
-        struct Release {
-            QOB_PackageInfo* info;
-            ~Release() { QOB_Destructor(info, QOB_OBJECT_PACKAGE_INFO); }
-        } release{info.get()};
-        CopyField(info->szPackagePath, package, "package path");
-        BeginCall();
-        Check(QOB_GetPackageInfo(info.get()), "QOB_GetPackageInfo", package);
-        if (SameIgnoringCase(entry, info->files.raw.szPath)) {
+    if (!options.force) {
+        const PackageRecord record(package);
+        if (SameIgnoringCase(entry, record.info->files.raw.szPath)) {
             throw ToolError(package + ": refusing to remove the raw image " + entry +
                             ": the package would no longer open (--force removes it)");
         }
     }
-
-    BeginCall();
-    const QobErrorCode_e result = QOB_RemoveEntry(package.c_str(), entry.c_str());
-    if (result != SUCCESS) {
-        const std::string message = Describe(result, "QOB_RemoveEntry");
-        bool gone = false;
-        try {
-            gone = !HasEntry(package, entry);
-        } catch (const QOB::Inspect::Failure&) {
-        }
-        if (!gone) {
-            throw ToolError(package + ": " + message, StatusFor(result, package));
-        }
-        // The entry is gone: that is what was asked; say what else went wrong.
-        std::fprintf(stderr, "%s: removed %s, but: %s\n", package.c_str(), entry.c_str(),
-                     message.c_str());
-        return kExitSuccess;
+    {
+        ProgressBar bar("rm", ProgressWanted(options.quiet));
+        const LibraryProgress progress(bar);
+        Check(QOB_RemoveEntry(package.c_str(), entry.c_str()), package);
     }
-    if (!quiet) {
+    // Said only when it is so: removing a manifest succeeds, and the manifests are written
+    // again behind it.
+    if (HasEntry(package, entry)) {
+        throw ToolError(package + ": " + entry + " is still in the package after its removal");
+    }
+    if (!options.quiet) {
         std::printf("removed %s from %s\n", entry.c_str(), package.c_str());
     }
     return kExitSuccess;

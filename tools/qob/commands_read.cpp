@@ -1,30 +1,21 @@
 // The subcommands that only read a package: info, ls, lcc, check, verify, extract, cat.
-#include "cli.hpp"
 #include "commands.hpp"
-#include "host_platform.hpp"
-#include "library_log.hpp"
-
-#include "core/package_audit.hpp"
-#include "support/utf8_path.hpp"
+#include "library.hpp"
+#include "progress.hpp"
+#include "text.hpp"
 
 #include <qob/qob.h>
+#include <qob/qob_ext.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <map>
 #include <memory>
 #include <string_view>
 
 namespace qobtool {
 namespace {
-
-namespace Inspect = QOB::Inspect;
-
-const std::vector<OptionDef> kJsonOption = {{"--json", false}};
 
 struct NamedEntry {
     const char* kind;
@@ -53,121 +44,97 @@ std::vector<NamedEntry> ManifestFiles(const QOB_ImageFiles& files) {
     return list;
 }
 
-// The file object of the JSON schema (info and lcc).
-std::string FileJson(const char* kind, const QOB_EntryInfo& e) {
-    char numbers[160];
-    std::snprintf(numbers, sizeof numbers,
-                  "\"contentSize\": %u, \"reservedSize\": %u, \"dataOffset\": %u, ", e.uStoredSize,
-                  e.uReservedSpace, e.uDataOffset);
-    return "{\"kind\": " + JsonString(kind) + ", \"path\": " + JsonString(e.szPath) +
-           ", \"secondPath\": " + JsonString(e.szSecondPath) +
-           ", \"identifier\": " + JsonString(e.szIdentifier) + ", " + numbers +
-           "\"time\": " + TimeJson(e.uTime) + ", \"dosTime\": " + std::to_string(e.uTime) + "}";
+// The zip entry a manifest path names, found as the library finds it: the exact name first,
+// then one that differs in ASCII letter case only.
+const QOBX_EntryStat* FindEntry(const std::vector<QOBX_EntryStat>& entries, std::string_view path) {
+    const QOBX_EntryStat* loose = nullptr;
+    for (const QOBX_EntryStat& entry : entries) {
+        if (path == entry.name) {
+            return &entry;
+        }
+        if (loose == nullptr && SameIgnoringCase(path, entry.name)) {
+            loose = &entry;
+        }
+    }
+    return loose;
 }
 
-// The entry object of the JSON schema (ls and verify).
-std::string EntryJson(const Inspect::EntryReport& e) {
-    char numbers[160];
-    std::snprintf(numbers, sizeof numbers,
-                  "\"contentSize\": %" PRIu64 ", \"allocatedSize\": %" PRIu64
-                  ", \"dataOffset\": %" PRIu64 ", ",
-                  e.content_size, e.allocated_size, e.data_offset);
-    std::string json = "{\"name\": " + JsonString(e.name) + ", " + numbers +
-                       "\"time\": " + TimeJson(e.dos_time) +
-                       ", \"dosTime\": " + std::to_string(e.dos_time);
-    if (e.checked) {
-        json += ", \"sound\": ";
-        json += e.problem.empty() ? "true, \"problem\": null"
-                                  : "false, \"problem\": " + JsonString(e.problem);
-    }
-    return json + "}";
+// The entry's time in UTC seconds, taken from the listing (the manifest's record carries the
+// DOS word only).
+std::int64_t UtcSeconds(const std::vector<QOBX_EntryStat>& entries, const QOB_EntryInfo& e) {
+    const QOBX_EntryStat* found = FindEntry(entries, e.szPath);
+    return found != nullptr ? found->unixTime : 0;
 }
 
-template <class Item, class ToJson>
-void PrintJsonList(const char* key, const std::vector<Item>& items, ToJson toJson, bool last) {
-    std::printf("  \"%s\": [", key);
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        std::printf("%s\n    %s", i == 0 ? "" : ",", toJson(items[i]).c_str());
-    }
-    std::printf("%s]%s\n", items.empty() ? "" : "\n  ", last ? "" : ",");
+// The file object of the JSON output (info and lcc).
+Json FileJson(const char* kind, const QOB_EntryInfo& e, std::int64_t utcSeconds) {
+    return {{"kind", kind},
+            {"path", e.szPath},
+            {"secondPath", e.szSecondPath},
+            {"identifier", e.szIdentifier},
+            {"contentSize", e.uStoredSize},
+            {"reservedSize", e.uReservedSpace},
+            {"dataOffset", e.uDataOffset},
+            {"time", TimeJson(e.uTime, utcSeconds)},
+            {"dosTime", e.uTime}};
 }
 
-// A QOB_PackageInfo on the heap, emptied, released with its lists.
-struct InfoRecord {
-    InfoRecord() : info(std::make_unique<QOB_PackageInfo>()) {
-        QOB_Constructor(info.get(), QOB_OBJECT_PACKAGE_INFO);
+// The entry object of the JSON output (ls and verify).
+Json EntryJson(const QOBX_EntryStat& e) {
+    return {{"name", e.name},
+            {"contentSize", e.contentSize},
+            {"allocatedSize", e.allocatedSize},
+            {"dataOffset", e.dataOffset},
+            {"crc32", e.crc32},
+            {"method", e.method},
+            {"time", TimeJson(e.dosTime, e.unixTime)},
+            {"dosTime", e.dosTime}};
+}
+
+std::string Dash(const std::string& text) {
+    return text.empty() ? "-" : text;
+}
+
+// A QOB_PackageInfo on the heap, filled by the library, released with its lists.
+class InfoRecord {
+public:
+    explicit InfoRecord(const std::string& package) : info_(std::make_unique<QOB_PackageInfo>()) {
+        QOB_Constructor(info_.get(), QOB_OBJECT_PACKAGE_INFO);
+        CopyField(info_->szPackagePath, package, "package path");
     }
-    ~InfoRecord() { QOB_Destructor(info.get(), QOB_OBJECT_PACKAGE_INFO); }
+    ~InfoRecord() { QOB_Destructor(info_.get(), QOB_OBJECT_PACKAGE_INFO); }
     InfoRecord(const InfoRecord&) = delete;
     InfoRecord& operator=(const InfoRecord&) = delete;
-    std::unique_ptr<QOB_PackageInfo> info;
+
+    QobErrorCode_e Read() { return QOB_GetPackageInfo(info_.get()); }
+    const QOB_PackageInfo& operator*() const { return *info_; }
+
+private:
+    std::unique_ptr<QOB_PackageInfo> info_;
 };
-
-void ReadInfo(InfoRecord& record, const std::string& package) {
-    CopyField(record.info->szPackagePath, package, "package path");
-    BeginCall();
-    Check(QOB_GetPackageInfo(record.info.get()), "QOB_GetPackageInfo", package);
-}
-
-// Throws "<dir>: <reason>" when dir cannot be made or a file cannot be created in it.
-void RequireWritableDirectory(const std::string& dir) {
-    std::error_code error;
-    std::filesystem::create_directories(QOB::PathFromUtf8(dir), error);
-    if (error) {
-        throw ToolError(dir + ": " + error.message());
-    }
-    const std::string probe = dir + "/.qob-write-probe";
-    std::FILE* file = OpenFile(probe, "wb");
-    if (file == nullptr) {
-        throw ToolError(dir + ": " + std::strerror(errno));
-    }
-    std::fclose(file);
-    std::filesystem::remove(QOB::PathFromUtf8(probe), error);
-}
-
-std::vector<Inspect::EntryReport> List(const std::string& package, bool check) {
-    // Through an export first, whatever its answer: opening a package there is what repairs
-    // one that a change interrupted, and the listing must not see it half-changed.
-    BeginCall();
-    static_cast<void>(QOB_IsQob(package.c_str()));
-    try {
-        return Inspect::ListEntries(package, check);
-    } catch (const Inspect::Failure& e) {
-        throw ToolError(package + ": " + e.what(),
-                        e.code() == PACKAGE_NOT_FOUND ? kExitNotFound : kExitNotPackage);
-    }
-}
-
-// The one positional argument PKG, which must name an existing file.
-const std::string& ExistingPackageArgument(const ParsedArgs& parsed) {
-    RequirePositional(parsed, {"PKG"});
-    RequireFile(parsed.positional[0], false);
-    return parsed.positional[0];
-}
 
 } // namespace
 
-int RunInfo(const Args& args, bool /*quiet*/) {
-    const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    const std::string& package = ExistingPackageArgument(parsed);
-    InfoRecord record;
-    ReadInfo(record, package);
-    const QOB_PackageInfo& info = *record.info;
+int RunInfo(const Options& options) {
+    const std::string& package = options.package;
+    RequireFile(package, false);
+    InfoRecord record(package);
+    Check(record.Read(), package);
+    const QOB_PackageInfo& info = *record;
+    const std::vector<QOBX_EntryStat> entries = ListEntries(package);
     const std::vector<NamedEntry> files = ManifestFiles(info.files);
-    std::vector<std::string> manifests;
-    const auto names = Inspect::ManifestNames();
-    for (std::size_t row = 0; row < names.size(); ++row) {
+    Json manifests = Json::array();
+    for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
         if (info.szManifests[row][0] != '\0') {
-            manifests.push_back(names[row]);
+            manifests.push_back(kManifestNames[row]);
         }
     }
-    if (parsed.Has("--json")) {
-        std::printf("{\n  \"package\": %s,\n", JsonString(package).c_str());
-        PrintJsonList(
-            "manifests", manifests, [](const std::string& n) { return JsonString(n); }, false);
-        PrintJsonList(
-            "files", files, [](const NamedEntry& f) { return FileJson(f.kind, *f.entry); }, true);
-        std::printf("}\n");
+    if (options.json) {
+        Json list = Json::array();
+        for (const NamedEntry& f : files) {
+            list.push_back(FileJson(f.kind, *f.entry, UtcSeconds(entries, *f.entry)));
+        }
+        PrintJson({{"package", package}, {"manifests", manifests}, {"files", list}});
         return kExitSuccess;
     }
     std::printf("package:   %s\nmanifests: %zu of %d\n\n", package.c_str(), manifests.size(),
@@ -177,136 +144,188 @@ int RunInfo(const Args& args, bool /*quiet*/) {
     for (const NamedEntry& item : files) {
         const QOB_EntryInfo& e = *item.entry;
         std::printf("%-8s %10u %10u %10u  %-25s  %-10s %s\n", item.kind, e.uStoredSize,
-                    e.uReservedSpace, e.uDataOffset, TimeText(e.uTime).c_str(),
+                    e.uReservedSpace, e.uDataOffset,
+                    Dash(TimeText(e.uTime, UtcSeconds(entries, e))).c_str(),
                     e.szIdentifier[0] != '\0' ? e.szIdentifier : "-", e.szPath);
     }
     return kExitSuccess;
 }
 
-int RunList(const Args& args, bool /*quiet*/) {
-    const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    const std::string& package = ExistingPackageArgument(parsed);
-    const std::vector<Inspect::EntryReport> entries = List(package, false);
-    if (parsed.Has("--json")) {
-        std::printf("{\n  \"package\": %s,\n", JsonString(package).c_str());
-        PrintJsonList("entries", entries, EntryJson, true);
-        std::printf("}\n");
+int RunList(const Options& options) {
+    const std::string& package = options.package;
+    RequireFile(package, false);
+    const std::vector<QOBX_EntryStat> entries = ListEntries(package);
+    if (options.json) {
+        Json list = Json::array();
+        for (const QOBX_EntryStat& e : entries) {
+            list.push_back(EntryJson(e));
+        }
+        PrintJson({{"package", package}, {"entries", list}});
         return kExitSuccess;
     }
     // The name comes last, so a line's name is everything after the fifth column.
     std::printf("%10s %10s %10s  %-25s  %s\n", "content", "allocated", "offset", "time", "name");
     std::uint64_t content = 0, allocated = 0;
-    for (const Inspect::EntryReport& e : entries) {
-        std::printf("%10" PRIu64 " %10" PRIu64 " %10" PRIu64 "  %-25s  %s\n", e.content_size,
-                    e.allocated_size, e.data_offset, TimeText(e.dos_time).c_str(), e.name.c_str());
-        content += e.content_size;
-        allocated += e.allocated_size;
+    for (const QOBX_EntryStat& e : entries) {
+        std::printf("%10" PRIu64 " %10" PRIu64 " %10" PRIu64 "  %-25s  %s\n", e.contentSize,
+                    e.allocatedSize, e.dataOffset, Dash(TimeText(e.dosTime, e.unixTime)).c_str(),
+                    e.name);
+        content += e.contentSize;
+        allocated += e.allocatedSize;
     }
     std::printf("%10" PRIu64 " %10" PRIu64 "  %zu entries\n", content, allocated, entries.size());
     return kExitSuccess;
 }
 
-int RunLcc(const Args& args, bool /*quiet*/) {
-    const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    RequirePositional(parsed, {"PKG", "ID"});
-    const std::string& package = parsed.positional[0];
-    const std::string& id = parsed.positional[1];
+int RunLcc(const Options& options) {
+    const std::string& package = options.package;
+    const std::string& id = options.second;
     RequireFile(package, false);
     QOB_EntryInfo entry;
     QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO);
-    BeginCall();
     const QobErrorCode_e result = QOB_GetLensCastCalibInfo(package.c_str(), id.c_str(), &entry);
     if (result == FILE_NOT_IN_PACKAGE && QOB_IsQob(package.c_str()) == SUCCESS) {
         throw ToolError(package + ": no LCC profile with identifier " + id, kExitNotFound);
     }
-    Check(result, "QOB_GetLensCastCalibInfo", package);
+    Check(result, package);
     // The look-up leaves the time out; the package's file list has it.
-    InfoRecord record;
-    ReadInfo(record, package);
-    const QOB_ImageFiles& files = record.info->files;
+    InfoRecord record(package);
+    Check(record.Read(), package);
+    const QOB_ImageFiles& files = (*record).files;
     for (std::uint32_t i = 0; i < files.uLccCount && files.pLccs != nullptr; ++i) {
         if (std::string_view(files.pLccs[i].szPath) == entry.szPath) {
             entry.uTime = files.pLccs[i].uTime;
             break;
         }
     }
-    if (parsed.Has("--json")) {
-        std::printf("%s\n", FileJson("lcc", entry).c_str());
+    const std::int64_t utcSeconds = UtcSeconds(ListEntries(package), entry);
+    if (options.json) {
+        PrintJson(FileJson("lcc", entry, utcSeconds));
         return kExitSuccess;
     }
     std::printf("identifier:  %s\npath:        %s\ncontent:     %u bytes\nreserved:    %u "
                 "bytes\ndata offset: %u\ntime:        %s\n",
                 entry.szIdentifier, entry.szPath, entry.uStoredSize, entry.uReservedSpace,
-                entry.uDataOffset, TimeText(entry.uTime).c_str());
+                entry.uDataOffset, Dash(TimeText(entry.uTime, utcSeconds)).c_str());
     return kExitSuccess;
 }
 
-int RunCheck(const Args& args, bool quiet) {
-    const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    const std::string& package = ExistingPackageArgument(parsed);
-    BeginCall();
+int RunCheck(const Options& options) {
+    const std::string& package = options.package;
+    RequireFile(package, false);
     const QobErrorCode_e result = QOB_IsQob(package.c_str());
-    const std::string message = result == SUCCESS ? "" : LastMessage("QOB_IsQob");
-    const int status = result == SUCCESS ? kExitSuccess : StatusFor(result, package);
-    if (parsed.Has("--json")) {
-        std::printf("{\"package\": %s, \"imagePackage\": %s, \"result\": %s, \"code\": %d, "
-                    "\"message\": %s}\n",
-                    JsonString(package).c_str(), result == SUCCESS ? "true" : "false",
-                    JsonString(Inspect::ResultName(result)).c_str(), static_cast<int>(result),
-                    message.empty() ? "null" : JsonString(message).c_str());
-    } else if (quiet) {
+    const QOBX_Error error = LastError();
+    const int status = result == SUCCESS ? kExitSuccess : StatusFor(error, package);
+    if (options.json) {
+        PrintJson({{"package", package},
+                   {"imagePackage", result == SUCCESS},
+                   {"result", QOBX_CodeName(result)},
+                   {"code", static_cast<int>(result)},
+                   {"message", result == SUCCESS ? Json() : Json(error.message)}});
+    } else if (options.quiet) {
     } else if (result == SUCCESS) {
         std::printf("%s: an image package\n", package.c_str());
     } else {
         std::fprintf(stderr, "%s: not an image package (%s)\n", package.c_str(),
-                     Describe(result, "QOB_IsQob").c_str());
+                     Describe(error).c_str());
     }
     return status;
 }
 
-int RunVerify(const Args& args, bool quiet) {
-    const ParsedArgs parsed = ParseArgs(args, kJsonOption);
-    const std::string& package = ExistingPackageArgument(parsed);
-    // The library's own answer first: it also recovers a package from an interrupted change.
-    BeginCall();
-    const QobErrorCode_e result = QOB_IsQob(package.c_str());
-    if (result != SUCCESS) {
-        const std::string message = Describe(result, "QOB_IsQob");
-        throw ToolError(package + ": not an image package (" + message + ")",
-                        StatusFor(result, package));
+namespace {
+
+struct VerifyReport {
+    std::vector<QOBX_EntryStat> entries;
+    std::vector<std::string> entryProblems; // one per entry, empty when sound
+    std::vector<std::string> problems;      // manifest against zip
+
+    bool Sound() const {
+        return problems.empty() && std::ranges::all_of(entryProblems, &std::string::empty);
     }
-    Inspect::VerifyReport report;
-    try {
-        report = Inspect::Verify(package);
-    } catch (const Inspect::Failure& e) {
-        throw ToolError(package + ": " + e.what());
+};
+
+// Every entry read to its end, which checks its CRC-32 and its zero padding.
+void ReadBack(const std::string& package, VerifyReport& report, bool quiet) {
+    std::uint64_t total = 0, done = 0;
+    for (const QOBX_EntryStat& e : report.entries) {
+        total += e.contentSize;
     }
-    // A package whose manifests no longer describe an image (its raw image removed, say)
-    // fails the library's full read even where zip and manifests agree.
-    {
-        InfoRecord record;
-        CopyField(record.info->szPackagePath, package, "package path");
-        BeginCall();
-        const QobErrorCode_e read = QOB_GetPackageInfo(record.info.get());
-        if (read != SUCCESS) {
-            report.problems.push_back("the library cannot read the package (" +
-                                      Describe(read, "QOB_GetPackageInfo") + ")");
+    ProgressBar bar("verify", ProgressWanted(quiet));
+    for (const QOBX_EntryStat& e : report.entries) {
+        std::string problem;
+        try {
+            StreamEntry(package, e.name, [&](const char*, std::size_t size) {
+                done += size;
+                bar.Update(done, total);
+            });
+        } catch (const LibraryError& e) {
+            problem = Describe(e.record());
+        }
+        report.entryProblems.push_back(problem);
+    }
+}
+
+// Every file the manifest names is an entry, and every entry but the manifests is named.
+void CompareManifest(const std::string& package, VerifyReport& report) {
+    InfoRecord record(package);
+    if (record.Read() != SUCCESS) {
+        report.problems.push_back("the library cannot read the package (" + Describe(LastError()) +
+                                  ")");
+        return;
+    }
+    std::vector<bool> named(report.entries.size(), false);
+    for (const NamedEntry& file : ManifestFiles((*record).files)) {
+        const QOBX_EntryStat* entry = FindEntry(report.entries, file.entry->szPath);
+        if (entry == nullptr) {
+            report.problems.push_back(std::string(kManifestNames[0]) + " names \"" +
+                                      file.entry->szPath + "\", which the zip does not hold");
+        } else {
+            named[static_cast<std::size_t>(entry - report.entries.data())] = true;
         }
     }
+    for (std::size_t i = 0; i < report.entries.size(); ++i) {
+        if (!named[i] && !IsManifestName(report.entries[i].name)) {
+            report.problems.push_back(std::string("\"") + report.entries[i].name +
+                                      "\" is named by no manifest");
+        }
+    }
+}
+
+} // namespace
+
+int RunVerify(const Options& options) {
+    const std::string& package = options.package;
+    RequireFile(package, false);
+    // The library's own answer first: it also recovers a package from an interrupted change.
+    if (QOB_IsQob(package.c_str()) != SUCCESS) {
+        const QOBX_Error error = LastError();
+        throw ToolError(package + ": not an image package (" + Describe(error) + ")",
+                        StatusFor(error, package));
+    }
+    VerifyReport report;
+    report.entries = ListEntries(package);
+    ReadBack(package, report, options.quiet);
+    CompareManifest(package, report);
     const bool sound = report.Sound();
-    if (parsed.Has("--json")) {
-        std::printf("{\n  \"package\": %s,\n  \"sound\": %s,\n", JsonString(package).c_str(),
-                    sound ? "true" : "false");
-        PrintJsonList(
-            "problems", report.problems, [](const std::string& p) { return JsonString(p); }, false);
-        PrintJsonList("entries", report.entries, EntryJson, true);
-        std::printf("}\n");
+    if (options.json) {
+        Json entries = Json::array();
+        for (std::size_t i = 0; i < report.entries.size(); ++i) {
+            Json entry = EntryJson(report.entries[i]);
+            const std::string& problem = report.entryProblems[i];
+            entry["sound"] = problem.empty();
+            entry["problem"] = problem.empty() ? Json() : Json(problem);
+            entries.push_back(std::move(entry));
+        }
+        PrintJson({{"package", package},
+                   {"sound", sound},
+                   {"problems", report.problems},
+                   {"entries", entries}});
         return sound ? kExitSuccess : kExitFailure;
     }
-    for (const Inspect::EntryReport& e : report.entries) {
-        if (!e.problem.empty()) {
-            std::fprintf(stderr, "%s: %s: %s\n", package.c_str(), e.name.c_str(),
-                         e.problem.c_str());
+    for (std::size_t i = 0; i < report.entries.size(); ++i) {
+        if (!report.entryProblems[i].empty()) {
+            std::fprintf(stderr, "%s: %s: %s\n", package.c_str(), report.entries[i].name,
+                         report.entryProblems[i].c_str());
         }
     }
     for (const std::string& problem : report.problems) {
@@ -315,73 +334,42 @@ int RunVerify(const Args& args, bool quiet) {
     if (!sound) {
         throw ToolError(package + ": damaged");
     }
-    if (!quiet) {
-        std::printf("%s: sound: %zu entries read back, manifests and zip agree\n", package.c_str(),
+    if (!options.quiet) {
+        std::printf("%s: sound: %zu entries read back, manifest and zip agree\n", package.c_str(),
                     report.entries.size());
     }
     return kExitSuccess;
 }
 
-int RunExtract(const Args& args, bool quiet) {
-    const ParsedArgs parsed = ParseArgs(args, {});
-    RequirePositional(parsed, {"PKG", "DIR"});
-    const std::string& package = parsed.positional[0];
+int RunExtract(const Options& options) {
+    const std::string& package = options.package;
     RequireFile(package, false);
     auto extract = std::make_unique<QOB_ExtractArgs>();
     QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
     CopyField(extract->szPackagePath, package, "package path");
-    CopyField(extract->szDestination, parsed.positional[1], "destination");
+    CopyField(extract->szDestination, options.second, "destination");
     extract->eMode = QOB_EXTRACT_ALL;
-    BeginCall();
-    const QobErrorCode_e result = QOB_Extract(extract.get());
-    if (result != SUCCESS) {
-        // When the destination is what the system refuses, its reason names the cause.
-        const std::string message = Describe(result, "QOB_Extract");
-        RequireWritableDirectory(parsed.positional[1]);
-        throw ToolError(package + ": " + message, StatusFor(result, package));
+    {
+        ProgressBar bar("extract", ProgressWanted(options.quiet));
+        const LibraryProgress progress(bar);
+        Check(QOB_Extract(extract.get()), package);
     }
-    if (!quiet) {
-        std::printf("extracted %s into %s\n", package.c_str(), parsed.positional[1].c_str());
+    if (!options.quiet) {
+        std::printf("extracted %s into %s\n", package.c_str(), options.second.c_str());
     }
     return kExitSuccess;
 }
 
-int RunCat(const Args& args, bool /*quiet*/) {
-    const ParsedArgs parsed = ParseArgs(args, {});
-    RequirePositional(parsed, {"PKG", "ENTRY"});
-    const std::string& package = parsed.positional[0];
-    const std::string& name = parsed.positional[1];
+int RunCat(const Options& options) {
+    const std::string& package = options.package;
     RequireFile(package, false);
-    // The buffer's size comes from the entry listing: an exact name first, then one that
-    // differs in letter case only, as the library looks entries up.
-    const std::vector<Inspect::EntryReport> entries = List(package, false);
-    auto found =
-        std::find_if(entries.begin(), entries.end(), [&](const auto& e) { return e.name == name; });
-    if (found == entries.end()) {
-        found = std::find_if(entries.begin(), entries.end(), [&](const auto& e) {
-            return std::ranges::equal(e.name, name, [](char a, char b) {
-                return std::tolower(static_cast<unsigned char>(a)) ==
-                       std::tolower(static_cast<unsigned char>(b));
-            });
-        });
-    }
-    if (found == entries.end()) {
-        throw ToolError(package + ": no entry " + name, kExitNotFound);
-    }
-    auto extract = std::make_unique<QOB_ExtractArgs>();
-    QOB_Constructor(extract.get(), QOB_OBJECT_EXTRACT_ARGS);
-    CopyField(extract->szPackagePath, package, "package path");
-    CopyField(extract->szEntryPath, name, "entry path");
-    extract->eMode = QOB_EXTRACT_TO_BUFFER;
-    const auto size = static_cast<std::size_t>(found->content_size);
-    std::vector<char> buffer(std::max<std::size_t>(size, 1), '\0');
-    extract->pBuffer = buffer.data();
-    extract->uBufferSize = static_cast<std::uint32_t>(size);
-    BeginCall();
-    Check(QOB_Extract(extract.get()), "QOB_Extract", package);
-    if ((size > 0 && std::fwrite(buffer.data(), 1, size, stdout) != size) ||
-        std::fflush(stdout) != 0) {
-        throw ToolError("standard output: cannot write");
+    StreamEntry(package, options.second, [](const char* data, std::size_t size) {
+        if (std::fwrite(data, 1, size, stdout) != size) {
+            throw ToolError(std::string("standard output: ") + std::strerror(errno));
+        }
+    });
+    if (std::fflush(stdout) != 0) {
+        throw ToolError(std::string("standard output: ") + std::strerror(errno));
     }
     return kExitSuccess;
 }

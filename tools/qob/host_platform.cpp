@@ -1,8 +1,7 @@
 #include "host_platform.hpp"
 
-#include "support/utf8_path.hpp"
-
-#include <filesystem>
+#include <cerrno>
+#include <system_error>
 
 #ifdef _WIN32
 // windows.h first: shellapi.h builds on it.
@@ -12,8 +11,9 @@
 #include <io.h>
 #include <shellapi.h>
 
-#include <cstdio>
 #include <cstring>
+#else
+#include <unistd.h>
 #endif
 
 namespace qobtool {
@@ -56,9 +56,35 @@ void PrepareStandardStreams() {
     SetConsoleOutputCP(CP_UTF8);
 }
 
+std::filesystem::path PathOf(const std::string& utf8Name) {
+    if (utf8Name.empty()) {
+        return {};
+    }
+    const int size = static_cast<int>(utf8Name.size());
+    const int length = MultiByteToWideChar(CP_UTF8, 0, utf8Name.data(), size, nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(length > 0 ? length : 0), L'\0');
+    if (length > 0) {
+        MultiByteToWideChar(CP_UTF8, 0, utf8Name.data(), size, wide.data(), length);
+    }
+    return std::filesystem::path(wide);
+}
+
 std::FILE* OpenFile(const std::string& utf8Name, const char* mode) {
     const std::wstring wideMode(mode, mode + std::strlen(mode));
-    return _wfopen(QOB::PathFromUtf8(utf8Name).c_str(), wideMode.c_str());
+    return _wfopen(PathOf(utf8Name).c_str(), wideMode.c_str());
+}
+
+bool IsTerminal(std::FILE* stream) {
+    return _isatty(_fileno(stream)) != 0;
+}
+
+bool LocalTime(std::int64_t utcSeconds, std::tm& local) {
+    const auto instant = static_cast<__time64_t>(utcSeconds);
+    return _localtime64_s(&local, &instant) == 0;
+}
+
+bool IsDiskFull(int systemError) {
+    return systemError == ERROR_DISK_FULL || systemError == ERROR_HANDLE_DISK_FULL;
 }
 
 #else
@@ -69,15 +95,32 @@ std::vector<std::string> Utf8Arguments(int argc, char** argv) {
 
 void PrepareStandardStreams() {}
 
+std::filesystem::path PathOf(const std::string& utf8Name) {
+    return std::filesystem::path(utf8Name);
+}
+
 std::FILE* OpenFile(const std::string& utf8Name, const char* mode) {
     return std::fopen(utf8Name.c_str(), mode);
+}
+
+bool IsTerminal(std::FILE* stream) {
+    return isatty(fileno(stream)) != 0;
+}
+
+bool LocalTime(std::int64_t utcSeconds, std::tm& local) {
+    const auto instant = static_cast<std::time_t>(utcSeconds);
+    return localtime_r(&instant, &local) != nullptr;
+}
+
+bool IsDiskFull(int systemError) {
+    return systemError == ENOSPC || systemError == EDQUOT;
 }
 
 #endif
 
 bool IsDirectory(const std::string& utf8Name) {
     std::error_code error;
-    return std::filesystem::is_directory(QOB::PathFromUtf8(utf8Name), error);
+    return std::filesystem::is_directory(PathOf(utf8Name), error);
 }
 
 } // namespace qobtool

@@ -1,6 +1,7 @@
 // Removal of an entry: later entries move down over it, and the file is cut behind the
 // new central directory.
 #include "archive/minizip/zip_writer_state.hpp"
+#include "support/progress.hpp"
 
 #include <algorithm>
 #include <new>
@@ -21,6 +22,7 @@ bool Move(StreamAccess& file, std::uint64_t from, std::uint64_t to, std::uint64_
             !file.WriteAt(to + done, buffer.data(), chunk)) {
             return false;
         }
+        ProgressAdvance(chunk);
         done += chunk;
     }
     return true;
