@@ -74,7 +74,8 @@ void CheckEntryFitsFile(void* unzip, std::uint64_t content_size) {
     const std::uint64_t stored = info.compressed_size;
     const std::uint64_t limit =
         info.compression_method == 0 ? stored : stored * kMaxInflateRatio + 1024;
-    if (std::uint64_t{offset} + 30 + stored > file_size || content_size > limit) {
+    if (std::uint64_t{global.bytes_before} + offset + 30 + stored > file_size ||
+        content_size > limit) {
         CheckUnzipResult(UNZ_BADZIPFILE);
     }
 }
@@ -103,8 +104,9 @@ std::vector<std::filesystem::path> Components(const std::filesystem::path& relat
     return parts;
 }
 
-struct OutputCloser {
-    void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputClose(file); }
+// An output file not committed is removed: only checked content gets the final name.
+struct OutputDiscarder {
+    void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputDiscard(file); }
 };
 
 } // namespace
@@ -266,7 +268,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
             "create_directories", base / created.at,
             std::error_code(created.error, std::system_category()));
     }
-    const std::unique_ptr<Platform::OutputFile, OutputCloser> out(created.file);
+    std::unique_ptr<Platform::OutputFile, OutputDiscarder> out(created.file);
     if (created.replaced) {
         LogWarn(Format("Archive::Extract: overwriting \"%s\"", reached.c_str()));
     }
@@ -279,7 +281,12 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
             throw Exception(INTERNAL_INCONSISTENCY, "write error");
         }
     });
+    // Padding, size and CRC-32 are checked before the content takes the final name.
     ReadEnd(unzip, entry);
+    if (const int error = Platform::OutputCommit(out.release()); error != 0) {
+        throw std::filesystem::filesystem_error("rename", base / relative,
+                                                std::error_code(error, std::system_category()));
+    }
 }
 
 void Archive::Check(const Path& path) {
