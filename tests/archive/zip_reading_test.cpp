@@ -268,6 +268,24 @@ TEST_F(ZipReading, BackslashNamesReadWithEitherSeparator) {
     EXPECT_EQ(archive.Get(QOB::Path("dir/file.txt")).path, "dir\\file.txt");
 }
 
+// A directory too large to keep in memory is walked record by record: the same rules hold.
+TEST_F(ZipReading, LookupsInAHugeDirectoryFollowTheSameRules) {
+    qobtest::RawZip zip;
+    const std::string long_name(240, 'n');
+    for (int i = 0; i < 65000; ++i) {
+        zip.Add(long_name + std::to_string(i), "");
+    }
+    zip.Add("a\\b\\c", "abc");
+    zip.Add("x\\y", "one");
+    zip.Add("x/y", "two");
+    zip.Add("\x80.txt", "cp437");
+    QOB::Archive archive(Write(zip.Finish()), true);
+    EXPECT_EQ(qobtest::Text(archive.Read(QOB::Path("a/b/c"))), "abc");
+    EXPECT_EQ(qobtest::Text(archive.Read(QOB::Path("\xc3\x87.txt"))), "cp437");
+    const std::string failure = qobtest::Failure([&] { archive.Read(QOB::Path("x/y")); });
+    EXPECT_NE(failure.find("two entries are named \"x/y\""), std::string::npos) << failure;
+}
+
 TEST_F(ZipReading, DataOffsetCountsTheStubInFront) {
     const std::string bytes = fx::StubInFront();
     const fs::path zip = Write(bytes);

@@ -4,6 +4,7 @@
 #include "archive/minizip/unzip.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 
 namespace QOB::MiniZip {
@@ -114,15 +115,20 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
         return UNZ_BADZIPFILE;
     }
     // Nearly every archive ends with an end record without a comment: the last 22 bytes
-    // settle it, the one candidate the scan below would take first. Otherwise the whole tail
-    // that a comment could span is read and scanned.
-    std::uint32_t tailSize = kEndRecordSize;
+    // settle it (the one candidate the scan below would take first), read together with the
+    // 20 in front of them, where a zip64 locator would be. Otherwise the whole tail that a
+    // comment could span is read and scanned.
+    std::uint32_t tailSize = std::min<std::uint32_t>(*fileSize, kEndRecordSize + kZip64LocatorSize);
     std::uint32_t tailStart = *fileSize - tailSize;
     std::vector<std::uint8_t> tail(tailSize);
     if (!file.ReadAt(tailStart, tail.data(), tailSize)) {
         return UNZ_ERRNO;
     }
-    if (Get32(tail.data()) != kEndRecordSignature || Get16(tail.data() + 20) != 0) {
+    std::optional<std::uint32_t> chosen;
+    if (const std::uint8_t* last = tail.data() + tailSize - kEndRecordSize;
+        Get32(last) == kEndRecordSignature && Get16(last + 20) == 0) {
+        chosen = tailSize - kEndRecordSize;
+    } else {
         tailSize = std::min<std::uint32_t>(*fileSize, kMaxCommentSize + kEndRecordSize);
         tailStart = *fileSize - tailSize;
         tail.resize(tailSize);
@@ -136,28 +142,28 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
     // archive hidden in the file, one that other readers never show. Only a signature that
     // cannot be an end record is passed over, and then only for an earlier record whose
     // comment holds it and ends exactly where the file ends.
-    std::optional<std::uint32_t> chosen;
-    bool lastSeen = false;
-    for (std::uint32_t at = tailSize - kEndRecordSize + 1; at-- > 0;) {
+    std::optional<std::uint32_t> last;
+    for (std::uint32_t at = tailSize - kEndRecordSize + 1; !chosen && at-- > 0;) {
         const std::uint8_t* p = tail.data() + at;
         if (Get32(p) != kEndRecordSignature) {
             continue;
         }
         const bool exactComment = std::uint64_t{at} + kEndRecordSize + Get16(p + 20) == tailSize;
-        if (lastSeen && !exactComment) {
+        if (last && !exactComment) {
             continue;
         }
         const int plausible = Plausible(file, p, tailStart + std::uint64_t{at});
         if (plausible < 0) {
             return UNZ_ERRNO;
         }
-        if (plausible == 1 || !lastSeen) {
-            chosen = at;
-        }
-        lastSeen = true;
         if (plausible == 1) {
-            break;
+            chosen = at; // the last signature, or the record whose comment holds it
+        } else if (!last) {
+            last = at; // taken unless an earlier record's comment holds it
         }
+    }
+    if (!chosen) {
+        chosen = last;
     }
     if (!chosen) {
         return UNZ_BADZIPFILE;
@@ -180,7 +186,9 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
     // 0xFF bytes: a package may hold exactly 65,535 entries.
     if (end.position >= kZip64LocatorSize) {
         std::uint8_t locator[4];
-        if (!file.ReadAt(end.position - kZip64LocatorSize, locator, sizeof locator)) {
+        if (*chosen >= kZip64LocatorSize) {
+            std::memcpy(locator, p - kZip64LocatorSize, sizeof locator);
+        } else if (!file.ReadAt(end.position - kZip64LocatorSize, locator, sizeof locator)) {
             return UNZ_ERRNO;
         }
         if (Get32(locator) == kZip64LocatorSignature) {
