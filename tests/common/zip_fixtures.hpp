@@ -85,6 +85,7 @@ inline std::string Cp437Names() {
     RawZip::Options stale; // its CRC is not the stored name's
     stale.extra = UnicodePathBlock("\x99.txt", "other.txt", 0x12345678u);
     zip.Add("\x99.txt", "stale field", 0, stale); // "Ö.txt"
+    zip.Add("\xc3\xa9.txt", "no flag");           // UTF-8 for "é", without the flag: "├⌐.txt"
     return zip.Finish();
 }
 

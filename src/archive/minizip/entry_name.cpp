@@ -10,6 +10,7 @@ namespace QOB::MiniZip {
 namespace {
 
 constexpr std::uint16_t kUnicodePathField = 0x7075;
+constexpr std::size_t kContentSizeFieldSize = 4;
 
 // Code page 437, bytes 0x80 to 0xFF (the lower half is ASCII).
 constexpr std::array<char16_t, 128> kCp437 = {
@@ -74,28 +75,37 @@ bool HasUnicodePathBlock(const std::uint8_t* extra, std::size_t extraSize) noexc
     return false;
 }
 
+// Flagged UTF-8; or ASCII, which reads the same either way; or framed as ours, whose writer
+// stores UTF-8 without the flag.
+bool IsUtf8Name(const StoredName& name) noexcept {
+    if ((name.flags & kFlagUtf8Name) != 0) {
+        return true;
+    }
+    const bool ascii = std::all_of(name.bytes.begin(), name.bytes.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return ascii ||
+           (name.method == 0 && name.extraSize == kContentSizeFieldSize && IsValidUtf8(name.bytes));
+}
+
 } // namespace
 
-bool IsPlainName(std::string_view stored, std::uint16_t flags, const std::uint8_t* extra,
-                 std::size_t extraSize) noexcept {
-    const bool utf8 = (flags & kFlagUtf8Name) != 0;
-    for (const char c : stored) {
-        if (c == '\0' || c == '\\' || (!utf8 && static_cast<unsigned char>(c) >= 0x80)) {
+bool IsPlainName(const StoredName& name) noexcept {
+    for (const char c : name.bytes) {
+        if (c == '\0' || c == '\\') {
             return false;
         }
     }
-    return !HasUnicodePathBlock(extra, extraSize);
+    return IsUtf8Name(name) && !HasUnicodePathBlock(name.extra, name.extraSize);
 }
 
-std::string DecodeName(std::string_view stored, std::uint16_t flags, const std::uint8_t* extra,
-                       std::size_t extraSize) {
+std::string DecodeName(const StoredName& stored) {
     std::string name;
-    if (!UnicodePath(stored, extra, extraSize, name)) {
-        if ((flags & kFlagUtf8Name) != 0) {
-            name.assign(stored);
+    if (!UnicodePath(stored.bytes, stored.extra, stored.extraSize, name)) {
+        if (IsUtf8Name(stored)) {
+            name.assign(stored.bytes);
         } else {
-            name.reserve(stored.size());
-            for (const char c : stored) {
+            name.reserve(stored.bytes.size());
+            for (const char c : stored.bytes) {
                 const auto byte = static_cast<unsigned char>(c);
                 if (byte < 0x80) {
                     name += c;

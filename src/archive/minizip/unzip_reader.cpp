@@ -79,8 +79,8 @@ int GoTo(UnzReader& reader, std::uint32_t index, std::uint64_t position) {
     const int result = ReadRecord(reader, position, reader.current);
     if (result == UNZ_OK) {
         const CentralRecord& record = reader.current;
-        reader.currentName =
-            DecodeName(record.name, record.flags, record.extra.data(), record.extra.size());
+        reader.currentName = DecodeName(
+            {record.name, record.flags, record.method, record.extra.data(), record.extra.size()});
         reader.currentValid = true;
         reader.index = index;
         reader.recordPosition = static_cast<std::uint32_t>(position);
@@ -145,12 +145,12 @@ void IndexNames(UnzReader& reader) {
         }
         const std::string_view stored(reinterpret_cast<const char*>(header + kCentralHeaderSize),
                                       lengths.name);
-        const std::uint16_t flags = Bytes::Get16(header + 8);
-        const std::uint8_t* extra = header + kCentralHeaderSize + lengths.name;
+        const StoredName name{stored, Bytes::Get16(header + 8), Bytes::Get16(header + 10),
+                              header + kCentralHeaderSize + lengths.name, lengths.extra};
         std::uint32_t key = UnzReader::kStoredKey;
-        if (!IsPlainName(stored, flags, extra, lengths.extra)) {
+        if (!IsPlainName(name)) {
             key = static_cast<std::uint32_t>(reader.keys.size());
-            reader.keys.push_back(LookupKey(DecodeName(stored, flags, extra, lengths.extra)));
+            reader.keys.push_back(LookupKey(DecodeName(name)));
         }
         reader.names.push_back({static_cast<std::uint32_t>(offset), key, lengths.name});
         offset += kCentralHeaderSize + lengths.Total();
