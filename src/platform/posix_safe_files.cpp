@@ -113,9 +113,8 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
             dir.Reset(next);
             continue;
         }
-        // A link under the final name is refused now, before anything is written; the
-        // rename at the commit would replace the link itself, but a caller that asked for this
-        // name expects a file there, not the link's target changed or not.
+        // A link under the final name is refused before anything is written (the commit's
+        // rename would only replace the link, but the caller meant a file there).
         struct stat status {};
         if (::fstatat(dir.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
             if (S_ISLNK(status.st_mode)) {
