@@ -77,7 +77,8 @@ void CheckEntryFitsFile(void* unzip, std::uint64_t content_size) {
     const std::uint64_t stored = info.compressed_size;
     const std::uint64_t limit =
         info.compression_method == 0 ? stored : stored * kMaxInflateRatio + 1024;
-    if (std::uint64_t{offset} + 30 + stored > file_size || content_size > limit) {
+    if (std::uint64_t{global.bytes_before} + offset + 30 + stored > file_size ||
+        content_size > limit) {
         CheckUnzipResult(UNZ_BADZIPFILE);
     }
 }
@@ -165,8 +166,9 @@ std::unique_ptr<MiniZip::Handle> OpenHandle(const std::filesystem::path& path, b
     }
 }
 
-struct OutputCloser {
-    void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputClose(file); }
+// An output file not committed is removed: only checked content gets the final name.
+struct OutputDiscarder {
+    void operator()(Platform::OutputFile* file) const noexcept { Platform::OutputDiscard(file); }
 };
 
 } // namespace
@@ -337,7 +339,7 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
             "create_directories", base / created.at,
             std::error_code(created.error, std::system_category()));
     }
-    const std::unique_ptr<Platform::OutputFile, OutputCloser> out(created.file);
+    std::unique_ptr<Platform::OutputFile, OutputDiscarder> out(created.file);
     if (created.replaced) {
         LogWarn(Format("Archive::Extract: overwriting \"%s\"", reached.c_str()));
     }
@@ -351,7 +353,11 @@ void Archive::WriteOut(const Entry& entry, const std::filesystem::path& root,
         }
         ProgressAdvance(length);
     });
+    // Padding, size and CRC-32 are checked before the content takes the final name.
     ReadEnd(unzip, entry);
+    if (const int error = Platform::OutputCommit(out.release()); error != 0) {
+        CopyFailed("write error", Platform::SystemError(error), base / relative);
+    }
 }
 
 std::size_t Archive::ReadRange(const Entry& entry, std::uint64_t offset, std::byte* buffer,

@@ -2,6 +2,7 @@
 
 #include "archive/defer.hpp"
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/central_directory.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
 #include "archive/zip_results.hpp"
@@ -196,22 +197,31 @@ Entry GetCurrent(void* unzip) {
     unz_file_info info{};
     CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, nullptr, 0, nullptr, 0));
 
+    unz_global_info global{};
+    CheckUnzipResult(unzGetGlobalInfo(unzip, &global));
+
     Entry entry;
     CheckUnzipResult(unzGetCurrentFilePosition(unzip, &entry.index, &entry.record_position));
-    entry.data_offset = std::uint64_t{offset} + 30 + info.size_filename + info.size_file_extra +
-                        info.size_file_comment;
+    // Counted from the file's start: a stub in front of the archive shifts every entry.
+    entry.data_offset = std::uint64_t{global.bytes_before} + offset + kLocalHeaderSize +
+                        info.size_filename + info.size_file_extra + info.size_file_comment;
     entry.allocated_size = info.uncompressed_size;
     entry.time = FromDosDateTime(info.dosDate);
     entry.dos_time = info.dosDate;
     entry.crc = info.crc;
     entry.method = info.compression_method;
+    CheckUnzipResult(unzGetCurrentFileDecodedName(unzip, &entry.path));
 
-    // Both lengths come from 2-byte fields, so neither buffer exceeds 64 KiB.
-    entry.path.assign(info.size_filename, '\0');
+    // Only a stored entry can carry our content size field; on any other the extra field is
+    // the format's tagged blocks, and another tool's 4-byte block is no size of ours.
+    if (info.compression_method != kStored) {
+        entry.content_size = entry.allocated_size;
+        return entry;
+    }
+    // The length comes from a 2-byte field, so the buffer never exceeds 64 KiB.
     std::vector<std::byte> extra(info.size_file_extra);
-    CheckUnzipResult(unzGetCurrentFileInfo(
-        unzip, &info, entry.path.data(), static_cast<std::uint32_t>(entry.path.size()),
-        extra.data(), static_cast<std::uint32_t>(extra.size()), nullptr, 0));
+    CheckUnzipResult(unzGetCurrentFileInfo(unzip, &info, nullptr, 0, extra.data(),
+                                           static_cast<std::uint32_t>(extra.size()), nullptr, 0));
     entry.content_size = IntoContentSize(extra, entry.allocated_size);
     return entry;
 }

@@ -18,13 +18,17 @@ namespace QOB {
 
 // One entry as read back from the central directory.
 struct Entry {
-    // Local header offset + 30 + name, extra and comment lengths of the central record. Exact
-    // for entries we write; for other tools' entries the local extra field may differ, so
+    // Bytes in front of the archive (a self-extractor stub) + local header offset + 30 + name,
+    // extra and comment lengths of the central record: a position in the file. Exact for
+    // entries we write; for other tools' entries the local extra field may differ, so
     // content is never read through this offset.
     std::uint64_t data_offset = 0;
     std::uint64_t allocated_size = 0; // stored size: content plus padding
     std::uint64_t content_size = 0;
-    std::string path; // the name exactly as stored
+    // The name decoded to UTF-8 as the standard readers show it (code page 437 unless flagged
+    // UTF-8, or the Unicode Path field; backslashes kept). Entries we write read back as
+    // stored.
+    std::string path;
     // From the DOS date and time; tm_year is the full year (e.g. 2024), tm_mon 0-based;
     // weekday, day of year and daylight flag are 0.
     std::tm time{};
@@ -60,8 +64,8 @@ void ReadEnd(void* unzip, const Entry& entry);
 
 // The record of the entry the reader stands on.
 Entry GetCurrent(void* unzip);
-// Decodes the content size field; anything but a plausible 4-byte field means that the
-// whole stored size is content.
+// Decodes the content size field of a stored entry; anything but a plausible 4-byte field
+// means that the whole stored size is content. Compressed entries carry none.
 std::uint64_t IntoContentSize(const std::vector<std::byte>& extra, std::uint64_t allocated);
 // Local modification time of a file on disk (years since 1900), else the current time.
 std::tm GetFileModificationTime(const std::filesystem::path& path);

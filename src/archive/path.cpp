@@ -1,5 +1,6 @@
 #include "archive/path.hpp"
 
+#include "archive/minizip/entry_name.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
@@ -23,45 +24,6 @@ bool IsAbsolute(const std::string& text) noexcept {
         return true;
     }
     return text.size() >= 2 && IsAsciiLetter(text[0]) && text[1] == ':';
-}
-
-// Strict UTF-8, as a conversion to UTF-16 accepts it: no overlong forms, no surrogates,
-// nothing above U+10FFFF, no truncated sequences.
-bool IsValidUtf8(const std::string& text) noexcept {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* end = p + text.size();
-    while (p < end) {
-        const unsigned lead = *p++;
-        if (lead < 0x80) {
-            continue;
-        }
-        int follow = 0;
-        unsigned low = 0x80;
-        unsigned high = 0xBF;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            follow = 1;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            follow = 2;
-            low = lead == 0xE0 ? 0xA0 : 0x80;
-            high = lead == 0xED ? 0x9F : 0xBF;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            follow = 3;
-            low = lead == 0xF0 ? 0x90 : 0x80;
-            high = lead == 0xF4 ? 0x8F : 0xBF;
-        } else {
-            return false;
-        }
-        if (end - p < follow) {
-            return false;
-        }
-        for (int i = 0; i < follow; ++i, ++p) {
-            const unsigned byte = *p;
-            if (byte < (i == 0 ? low : 0x80u) || byte > (i == 0 ? high : 0xBFu)) {
-                return false;
-            }
-        }
-    }
-    return true;
 }
 
 // The generic lexical normal form of a relative, "/"-separated path. A trailing separator
@@ -131,7 +93,7 @@ Path::Path(const std::string& text) : given_(text) {
     if (IsAbsolute(work)) {
         throw Exception(INVALID_PARAMETER, "cannot use absolute path inside archive");
     }
-    if (!IsValidUtf8(work)) {
+    if (!MiniZip::IsValidUtf8(work)) {
         throw std::system_error(std::make_error_code(std::errc::illegal_byte_sequence),
                                 "entry path is not UTF-8");
     }

@@ -4,6 +4,8 @@
 #include "archive/minizip/zip.hpp"
 #include "support/exception.hpp"
 
+#include <string>
+
 namespace QOB::MiniZip {
 
 void CheckZipResult(int result, std::error_code cause) {
@@ -36,6 +38,11 @@ void CheckUnzipResult(int result, std::error_code cause) {
     case UNZ_PARAMERROR:
         throw Exception(INVALID_PARAMETER, "minizip returned UNZ_PARAMERROR");
     case UNZ_BADZIPFILE:
+        // The reader's reason, when it gave one, says what the code cannot.
+        if (const char* reason = unzRefusal(); reason[0] != '\0') {
+            throw Exception(CANNOT_READ_FILE_PCK,
+                            std::string("minizip returned UNZ_BADZIPFILE: ") + reason);
+        }
         throw Exception(CANNOT_READ_FILE_PCK, "minizip returned UNZ_BADZIPFILE");
     case UNZ_INTERNALERROR:
         throw Exception(INTERNAL_INCONSISTENCY, "minizip returned UNZ_INTERNALERROR");

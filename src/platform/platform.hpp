@@ -140,21 +140,28 @@ struct OutputFile;
 struct CreateBelowResult {
     enum class Status { Created, ThroughLink, Failed };
     Status status = Status::Failed;
-    OutputFile* file = nullptr;    // when Created; the caller closes it with OutputClose
-    bool replaced = false;         // an existing file of that name was replaced
+    OutputFile* file = nullptr;    // when Created; OutputCommit or OutputDiscard frees it
+    bool replaced = false;         // an existing file of that name will be replaced
     bool createdDirectory = false; // at least one directory was created on the way
     std::filesystem::path at;      // the part of the relative path reached (the culprit on failure)
     int error = 0;                 // the system's error number when not Created
 };
 
 // components: the relative path's elements; none may be empty, "." or "..". Missing
-// directories are created; an existing file is replaced by a new one, never written through.
+// directories are created. The content goes into a new temporary file beside the final name
+// (created exclusively, never through a link), which takes the final name only at
+// OutputCommit: a failed extraction never leaves a file with wrong content under it. An
+// existing file of the final name is replaced then, never written through; a link there is
+// refused (ThroughLink) and a directory fails.
 CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
                                   const std::vector<std::filesystem::path>& components);
 // All of data, or the system's reason why not.
 std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size) noexcept;
-// Closes and frees; false when the system reported an error on closing.
-bool OutputClose(OutputFile* file) noexcept;
+// Closes the temporary file and renames it to the final name; 0, or the system's error number
+// (the temporary file is then removed). Frees the record either way.
+int OutputCommit(OutputFile* file) noexcept;
+// Closes and removes the temporary file, and frees the record.
+void OutputDiscard(OutputFile* file) noexcept;
 // Two output names with the same key are the same file on this system (letter case is
 // ignored on Windows). UTF-8 in and out.
 std::string OutputNameKey(const std::string& utf8);

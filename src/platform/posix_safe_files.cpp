@@ -4,16 +4,21 @@
 #include "platform/platform.hpp"
 #include "platform/posix_retry.hpp"
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace QOB::Platform {
 
 struct OutputFile {
-    int fd;
+    int fd;           // the temporary file
+    int dirFd;        // the directory both names are in
+    std::string temp; // the temporary name
+    std::string name; // the final name
 };
 
 namespace {
@@ -48,6 +53,14 @@ private:
 bool IsLink(int dirFd, const char* name) noexcept {
     struct stat status {};
     return ::fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+}
+
+// ".<name>.<pid>-<n>.qobtmp": hidden, beside the final name, and distinct between processes
+// and attempts; O_EXCL settles any collision that is left.
+std::string TemporaryName(const std::string& name) {
+    static std::atomic<unsigned> counter{0};
+    return "." + name.substr(0, 200) + "." + std::to_string(::getpid()) + "-" +
+           std::to_string(counter.fetch_add(1)) + ".qobtmp";
 }
 
 bool UsableName(const std::filesystem::path& name) noexcept {
@@ -100,40 +113,44 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
             dir.Reset(next);
             continue;
         }
-        // The file: always a new inode. Writing into an existing one could reach, through a
-        // hard link, a file outside the destination; an existing entry is removed first,
-        // unless it is a link (refused) or a directory (fails).
-        for (int attempt = 0; attempt < 4; ++attempt) {
-            Descriptor file(Retrying([&] {
-                return ::openat(dir.Get(), name,
-                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-            }));
-            if (file.Get() >= 0) {
-                result.file = new (std::nothrow) OutputFile{file.Get()};
-                if (result.file == nullptr) {
-                    return fail(CreateBelowResult::Status::Failed, ENOMEM);
-                }
-                file.Release();
-                result.status = CreateBelowResult::Status::Created;
-                return result;
-            }
-            if (errno != EEXIST) {
-                return fail(CreateBelowResult::Status::Failed, errno);
-            }
-            struct stat status {};
-            if (::fstatat(dir.Get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-                continue; // gone again: try once more
-            }
+        // A link under the final name is refused before anything is written (the commit's
+        // rename would only replace the link, but the caller meant a file there).
+        struct stat status {};
+        if (::fstatat(dir.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
             if (S_ISLNK(status.st_mode)) {
                 return fail(CreateBelowResult::Status::ThroughLink, ELOOP);
             }
             if (S_ISDIR(status.st_mode)) {
                 return fail(CreateBelowResult::Status::Failed, EISDIR);
             }
-            if (::unlinkat(dir.Get(), name, 0) != 0 && errno != ENOENT) {
+            result.replaced = true;
+        } else if (errno != ENOENT) {
+            return fail(CreateBelowResult::Status::Failed, errno);
+        }
+        // The content goes into a new inode under a fresh name: an existing file (possibly a
+        // hard link to one outside the destination) is never written into, only replaced.
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            const std::string temp = TemporaryName(part.native());
+            Descriptor file(Retrying([&] {
+                return ::openat(dir.Get(), temp.c_str(),
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+            }));
+            if (file.Get() < 0) {
+                if (errno == EEXIST) {
+                    continue;
+                }
                 return fail(CreateBelowResult::Status::Failed, errno);
             }
-            result.replaced = true;
+            try {
+                result.file = new OutputFile{-1, -1, temp, part.native()};
+            } catch (const std::bad_alloc&) {
+                ::unlinkat(dir.Get(), temp.c_str(), 0);
+                return fail(CreateBelowResult::Status::Failed, ENOMEM);
+            }
+            result.file->fd = file.Release();
+            result.file->dirFd = dir.Release();
+            result.status = CreateBelowResult::Status::Created;
+            return result;
         }
         return fail(CreateBelowResult::Status::Failed, EEXIST);
     }
@@ -162,13 +179,34 @@ std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size
     return {};
 }
 
-bool OutputClose(OutputFile* file) noexcept {
+int OutputCommit(OutputFile* file) noexcept {
     if (file == nullptr) {
-        return false;
+        return EINVAL;
     }
-    const bool closed = ::close(file->fd) == 0;
+    int error = ::close(file->fd) == 0 ? 0 : errno;
+    file->fd = -1;
+    if (error == 0 &&
+        ::renameat(file->dirFd, file->temp.c_str(), file->dirFd, file->name.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        ::unlinkat(file->dirFd, file->temp.c_str(), 0);
+    }
+    ::close(file->dirFd);
     delete file;
-    return closed;
+    return error;
+}
+
+void OutputDiscard(OutputFile* file) noexcept {
+    if (file == nullptr) {
+        return;
+    }
+    if (file->fd >= 0) {
+        ::close(file->fd);
+    }
+    ::unlinkat(file->dirFd, file->temp.c_str(), 0);
+    ::close(file->dirFd);
+    delete file;
 }
 
 std::string OutputNameKey(const std::string& utf8) {

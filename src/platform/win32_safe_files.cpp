@@ -1,18 +1,17 @@
 // Creating extracted files below a destination without ever going through a reparse point
 // (symbolic link, junction, mount point) below it. Each directory on the way is opened with
 // FILE_FLAG_OPEN_REPARSE_POINT and checked, and its handle is held without delete sharing until
-// the file exists, so that it cannot be swapped for a link while we walk.
+// the file has its final name, so that it cannot be swapped for a link while we work.
 #include "platform/platform.hpp"
 
+#include <atomic>
 #include <memory>
 #include <new>
+#include <string>
+#include <vector>
 #include <windows.h>
 
 namespace QOB::Platform {
-
-struct OutputFile {
-    HANDLE handle;
-};
 
 namespace {
 
@@ -27,6 +26,15 @@ public:
     Handle(Handle&& other) noexcept : handle_(other.Release()) {}
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
+    Handle& operator=(Handle&& other) noexcept {
+        if (this != &other) {
+            if (handle_ != INVALID_HANDLE_VALUE) {
+                ::CloseHandle(handle_);
+            }
+            handle_ = other.Release();
+        }
+        return *this;
+    }
     HANDLE Get() const noexcept { return handle_; }
     HANDLE Release() noexcept {
         const HANDLE handle = handle_;
@@ -39,6 +47,25 @@ private:
 };
 
 constexpr DWORD kNoSuchAttributes = INVALID_FILE_ATTRIBUTES;
+
+// ".<name>.<pid>-<n>.qobtmp": hidden by its dot for the tools that hide such names, beside the
+// final name, distinct between processes and attempts; CREATE_NEW settles any collision left.
+std::wstring TemporaryName(const std::wstring& name) {
+    static std::atomic<unsigned> counter{0};
+    return L"." + name.substr(0, 200) + L"." + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+           std::to_wstring(counter.fetch_add(1)) + L".qobtmp";
+}
+
+} // namespace
+
+struct OutputFile {
+    Handle file;              // the temporary file
+    std::wstring temp;        // its full path
+    std::wstring path;        // the final name's full path
+    std::vector<Handle> held; // the directories on the way, held until the commit
+};
+
+namespace {
 
 bool IsReparsePoint(DWORD attributes) noexcept {
     return attributes != kNoSuchAttributes && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
@@ -119,47 +146,38 @@ CreateBelowResult CreateFileBelow(const std::filesystem::path& root,
         if (attributes != kNoSuchAttributes && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
             return fail(Status::Failed, ERROR_DIRECTORY);
         }
-        // The same rule as elsewhere: a new file, never a write into whatever the name
-        // stands for now (a hard link would carry the write out of the destination). What is
-        // deleted is what this handle shows, not what the name may have become since.
+        // A new file under a temporary name, renamed over the final name once its content
+        // is checked: never a write into whatever the name stands for now (a hard link would
+        // carry the write out of the destination), and never wrong bytes under the name.
         if (attributes != kNoSuchAttributes) {
-            const Handle existing(
-                ::CreateFileW(path.c_str(), DELETE | FILE_READ_ATTRIBUTES,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-            if (existing.Get() == INVALID_HANDLE_VALUE) {
-                return fail(Status::Failed, ::GetLastError());
-            }
-            const DWORD found = HandleAttributes(existing.Get());
-            if (IsReparsePoint(found)) {
-                return fail(Status::ThroughLink, ERROR_CANT_ACCESS_FILE);
-            }
-            if (found == kNoSuchAttributes || (found & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-                return fail(Status::Failed, ERROR_DIRECTORY);
-            }
-            FILE_DISPOSITION_INFO disposition{};
-            disposition.DeleteFile = TRUE;
-            if (!::SetFileInformationByHandle(existing.Get(), FileDispositionInfo, &disposition,
-                                              sizeof disposition)) {
-                return fail(Status::Failed, ::GetLastError());
-            }
             result.replaced = true;
-        } // closing the handle deletes the file
-        Handle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
-                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (file.Get() == INVALID_HANDLE_VALUE) {
-            return fail(Status::Failed, ::GetLastError());
         }
-        if (IsReparsePoint(HandleAttributes(file.Get()))) {
-            return fail(Status::ThroughLink, ERROR_CANT_ACCESS_FILE);
+        const std::size_t slash = path.find_last_of(L"\\/");
+        const std::wstring folder = slash == std::wstring::npos ? L"" : path.substr(0, slash + 1);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            const std::wstring temp = folder + TemporaryName(part.native());
+            Handle file(::CreateFileW(
+                temp.c_str(), GENERIC_WRITE | DELETE, FILE_SHARE_READ, nullptr, CREATE_NEW,
+                FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+            if (file.Get() == INVALID_HANDLE_VALUE) {
+                if (::GetLastError() == ERROR_FILE_EXISTS) {
+                    continue;
+                }
+                return fail(Status::Failed, ::GetLastError());
+            }
+            try {
+                result.file = new OutputFile{Handle(), temp, path, {}};
+            } catch (const std::bad_alloc&) {
+                file = Handle();
+                ::DeleteFileW(temp.c_str());
+                return fail(Status::Failed, ERROR_NOT_ENOUGH_MEMORY);
+            }
+            result.file->file = std::move(file);
+            result.file->held = std::move(held);
+            result.status = Status::Created;
+            return result;
         }
-        result.file = new (std::nothrow) OutputFile{file.Get()};
-        if (result.file == nullptr) {
-            return fail(Status::Failed, ERROR_NOT_ENOUGH_MEMORY);
-        }
-        file.Release();
-        result.status = Status::Created;
-        return result;
+        return fail(Status::Failed, ERROR_FILE_EXISTS);
     }
     return fail(Status::Failed, ERROR_INVALID_NAME);
 }
@@ -172,7 +190,7 @@ std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size
     while (size > 0) {
         const DWORD round = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
         DWORD written = 0;
-        if (!::WriteFile(file->handle, bytes, round, &written, nullptr)) {
+        if (!::WriteFile(file->file.Get(), bytes, round, &written, nullptr)) {
             return LastSystemError();
         }
         if (written == 0) { // nothing written and no reason given: the device took no more
@@ -184,13 +202,33 @@ std::error_code OutputWrite(OutputFile* file, const void* data, std::size_t size
     return {};
 }
 
-bool OutputClose(OutputFile* file) noexcept {
+int OutputCommit(OutputFile* file) noexcept {
     if (file == nullptr) {
-        return false;
+        return ERROR_INVALID_PARAMETER;
     }
-    const bool closed = ::CloseHandle(file->handle) != 0;
-    delete file;
-    return closed;
+    const std::unique_ptr<OutputFile> owned(file);
+    DWORD error = ::CloseHandle(file->file.Release()) ? 0 : ::GetLastError();
+    // Checked again at the rename: a link planted under the final name meanwhile is refused.
+    if (error == 0 && IsReparsePoint(::GetFileAttributesW(file->path.c_str()))) {
+        error = ERROR_CANT_ACCESS_FILE;
+    }
+    if (error == 0 &&
+        !::MoveFileExW(file->temp.c_str(), file->path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+        error = ::GetLastError();
+    }
+    if (error != 0) {
+        ::DeleteFileW(file->temp.c_str());
+    }
+    return static_cast<int>(error);
+}
+
+void OutputDiscard(OutputFile* file) noexcept {
+    if (file == nullptr) {
+        return;
+    }
+    const std::unique_ptr<OutputFile> owned(file);
+    file->file = Handle();
+    ::DeleteFileW(file->temp.c_str());
 }
 
 // Win32 compares names without regard to case and drops trailing dots and blanks of each

@@ -62,10 +62,10 @@ TEST(ArchiveHostileTest, BrokenPackagesFailWithNegativeCodes) {
         // second record: refused.
         {"two entries overlapping at one local header", {{b + 42, 0}}, Call::ReadB, -10},
         // Sizes, CRC-32, content size and offset of the first record copied into the second:
-        // names are not compared, so "bbbb" reads the first entry's sound bytes.
+        // the local header names "aaaa", so "bbbb" is refused rather than shown its bytes.
         {"two identical records overlapping at one local header",
          {{b + 16, records[0].crc}, {b + 20, 16}, {b + 24, 16}, {b + 42, 0}, {b + 46 + 4, 11}},
-         Call::ReadB, 0},
+         Call::ReadB, -10},
         // The first entry's stored size, in both headers, runs into the second local header:
         // its 5 padding bytes are followed by that header's signature.
         {"entry data overlapping the next entry",

@@ -72,13 +72,14 @@ static void WriteZip(const char* path, const char* name, const char* content, ui
         return;
     }
     Put32(file, 0x04034b50);
-    Put16(file, 10), Put16(file, 0), Put16(file, 0), Put32(file, dos);
+    /* General purpose bit 11: the name is UTF-8 (without it, readers take it for CP437). */
+    Put16(file, 10), Put16(file, 0x0800), Put16(file, 0), Put32(file, dos);
     Put32(file, crc), Put32(file, size), Put32(file, size);
     Put16(file, nameLength), Put16(file, 0);
     fwrite(name, 1, nameLength, file);
     fwrite(content, 1, real, file);
     Put32(file, 0x02014b50);
-    Put16(file, 20), Put16(file, 10), Put16(file, 0), Put16(file, 0), Put32(file, dos);
+    Put16(file, 20), Put16(file, 10), Put16(file, 0x0800), Put16(file, 0), Put32(file, dos);
     Put32(file, crc), Put32(file, size), Put32(file, size);
     Put16(file, nameLength), Put16(file, 0), Put16(file, 0), Put16(file, 0), Put16(file, 0);
     Put32(file, 0), Put32(file, 0);

@@ -4,6 +4,8 @@
 #include "archive/minizip/unzip.hpp"
 
 #include <algorithm>
+#include <cstring>
+#include <optional>
 
 namespace QOB::MiniZip {
 
@@ -80,6 +82,30 @@ void AppendLocalHeader(std::vector<std::uint8_t>& out, const CentralRecord& reco
     Bytes::AppendBytes(out, extra, extraSize);
 }
 
+namespace {
+
+// Whether a signature at `position` can be an end record as the standard readers read one:
+// they look for the directory right in front of it (directory size bytes back) and read
+// records from there. An end record whose directory is not there is no end record to them.
+// Returns 1 (can be), 0 (cannot) or UNZ_ERRNO.
+int Plausible(StreamAccess& file, const std::uint8_t* p, std::uint64_t position) {
+    const std::uint32_t directorySize = Get32(p + 12);
+    if (directorySize > position) {
+        return 0;
+    }
+    if (directorySize == 0) {
+        return 1;
+    }
+    std::uint8_t signature[4];
+    if (directorySize < sizeof signature ||
+        !file.ReadAt(position - directorySize, signature, sizeof signature)) {
+        return directorySize < sizeof signature ? 0 : UNZ_ERRNO;
+    }
+    return Get32(signature) == kCentralHeaderSignature ? 1 : 0;
+}
+
+} // namespace
+
 int FindEndRecord(StreamAccess& file, EndRecord& end) {
     const auto fileSize = file.Size();
     if (!fileSize) {
@@ -89,15 +115,20 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
         return UNZ_BADZIPFILE;
     }
     // Nearly every archive ends with an end record without a comment: the last 22 bytes
-    // settle it, the one candidate the scan below would take first. Otherwise the whole tail
-    // that a comment could span is read and scanned.
-    std::uint32_t tailSize = kEndRecordSize;
+    // settle it (the one candidate the scan below would take first), read together with the
+    // 20 in front of them, where a zip64 locator would be. Otherwise the whole tail that a
+    // comment could span is read and scanned.
+    std::uint32_t tailSize = std::min<std::uint32_t>(*fileSize, kEndRecordSize + kZip64LocatorSize);
     std::uint32_t tailStart = *fileSize - tailSize;
     std::vector<std::uint8_t> tail(tailSize);
     if (!file.ReadAt(tailStart, tail.data(), tailSize)) {
         return UNZ_ERRNO;
     }
-    if (Get32(tail.data()) != kEndRecordSignature || Get16(tail.data() + 20) != 0) {
+    std::optional<std::uint32_t> chosen;
+    if (const std::uint8_t* last = tail.data() + tailSize - kEndRecordSize;
+        Get32(last) == kEndRecordSignature && Get16(last + 20) == 0) {
+        chosen = tailSize - kEndRecordSize;
+    } else {
         tailSize = std::min<std::uint32_t>(*fileSize, kMaxCommentSize + kEndRecordSize);
         tailStart = *fileSize - tailSize;
         tail.resize(tailSize);
@@ -106,42 +137,83 @@ int FindEndRecord(StreamAccess& file, EndRecord& end) {
         }
     }
 
-    // The nearest signature to the end whose comment fits in the file. A signature inside
-    // a comment usually carries a comment length that runs past the end, and is skipped.
-    for (std::uint32_t at = tailSize - kEndRecordSize + 1; at-- > 0;) {
+    // The last signature is the end record, whatever comment length it declares: a reader
+    // that moved on to an earlier one when the comment does not fit would read a second
+    // archive hidden in the file, one that other readers never show. Only a signature that
+    // cannot be an end record is passed over, and then only for an earlier record whose
+    // comment holds it and ends exactly where the file ends.
+    std::optional<std::uint32_t> last;
+    for (std::uint32_t at = tailSize - kEndRecordSize + 1; !chosen && at-- > 0;) {
         const std::uint8_t* p = tail.data() + at;
         if (Get32(p) != kEndRecordSignature) {
             continue;
         }
-        const std::uint16_t commentSize = Get16(p + 20);
-        if (std::uint64_t{at} + kEndRecordSize + commentSize > tailSize) {
+        const bool exactComment = std::uint64_t{at} + kEndRecordSize + Get16(p + 20) == tailSize;
+        if (last && !exactComment) {
             continue;
         }
-        const std::uint16_t disk = Get16(p + 4);
-        const std::uint16_t directoryDisk = Get16(p + 6);
-        const std::uint16_t entriesOnDisk = Get16(p + 8);
-        end.fileSize = *fileSize;
-        end.position = tailStart + at;
-        end.entryCount = Get16(p + 10);
-        end.directorySize = Get32(p + 12);
-        end.directoryOffset = Get32(p + 16);
-        end.comment.assign(reinterpret_cast<const char*>(p + kEndRecordSize), commentSize);
-        if (disk != 0 || directoryDisk != 0 || entriesOnDisk != end.entryCount) {
-            return UNZ_BADZIPFILE;
+        const int plausible = Plausible(file, p, tailStart + std::uint64_t{at});
+        if (plausible < 0) {
+            return UNZ_ERRNO;
         }
-        const std::uint64_t directoryEnd = std::uint64_t{end.directoryOffset} + end.directorySize;
-        if (directoryEnd > end.position) {
-            return UNZ_BADZIPFILE;
+        if (plausible == 1) {
+            chosen = at; // the last signature, or the record whose comment holds it
+        } else if (!last) {
+            last = at; // taken unless an earlier record's comment holds it
         }
-        // Whatever lies between the stored end of the directory and the record is taken
-        // to be a prefix in front of the archive.
-        end.bytesBefore = static_cast<std::uint32_t>(end.position - directoryEnd);
-        if (std::uint64_t{end.entryCount} * kCentralHeaderSize > end.directorySize) {
-            return UNZ_BADZIPFILE;
-        }
-        return UNZ_OK;
     }
-    return UNZ_BADZIPFILE;
+    if (!chosen) {
+        chosen = last;
+    }
+    if (!chosen) {
+        return UNZ_BADZIPFILE;
+    }
+
+    const std::uint8_t* p = tail.data() + *chosen;
+    const std::uint32_t commentRoom = tailSize - *chosen - kEndRecordSize;
+    const std::uint16_t disk = Get16(p + 4);
+    const std::uint16_t directoryDisk = Get16(p + 6);
+    const std::uint16_t entriesOnDisk = Get16(p + 8);
+    end.fileSize = *fileSize;
+    end.position = tailStart + *chosen;
+    end.entryCount = Get16(p + 10);
+    end.directorySize = Get32(p + 12);
+    end.directoryOffset = Get32(p + 16);
+    end.comment.assign(reinterpret_cast<const char*>(p + kEndRecordSize),
+                       std::min<std::uint32_t>(Get16(p + 20), commentRoom));
+
+    // Zip64 is known by its locator in front of the end record, never by fields of all
+    // 0xFF bytes: a package may hold exactly 65,535 entries.
+    if (end.position >= kZip64LocatorSize) {
+        std::uint8_t locator[4];
+        if (*chosen >= kZip64LocatorSize) {
+            std::memcpy(locator, p - kZip64LocatorSize, sizeof locator);
+        } else if (!file.ReadAt(end.position - kZip64LocatorSize, locator, sizeof locator)) {
+            return UNZ_ERRNO;
+        }
+        if (Get32(locator) == kZip64LocatorSignature) {
+            end.unsupported = "zip64 archives are not supported";
+            return UNZ_BADZIPFILE;
+        }
+    }
+    if (disk != 0 || directoryDisk != 0) {
+        end.unsupported = "archives split over several disks are not supported";
+        return UNZ_BADZIPFILE;
+    }
+    if (entriesOnDisk != end.entryCount) {
+        return UNZ_BADZIPFILE;
+    }
+    const std::uint64_t directoryEnd = std::uint64_t{end.directoryOffset} + end.directorySize;
+    if (directoryEnd > end.position) {
+        return UNZ_BADZIPFILE;
+    }
+    // Whatever lies between the stored end of the directory and the record is taken
+    // to be a prefix in front of the archive.
+    end.bytesBefore = static_cast<std::uint32_t>(end.position - directoryEnd);
+    if (std::uint64_t{end.entryCount} * kCentralHeaderSize > end.directorySize) {
+        return UNZ_BADZIPFILE;
+    }
+    return UNZ_OK;
 }
 
 } // namespace QOB::MiniZip

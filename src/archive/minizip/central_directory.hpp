@@ -14,6 +14,8 @@ namespace QOB::MiniZip {
 inline constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
 inline constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
 inline constexpr std::uint32_t kEndRecordSignature = 0x06054b50;
+inline constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
+inline constexpr std::uint32_t kZip64LocatorSize = 20;
 inline constexpr std::uint32_t kLocalHeaderSize = 30;
 inline constexpr std::uint32_t kCentralHeaderSize = 46;
 inline constexpr std::uint32_t kEndRecordSize = 22;
@@ -77,15 +79,23 @@ struct EndRecord {
     // Bytes in front of the archive (e.g. a self-extractor stub): stored offsets plus this
     // are file positions.
     std::uint32_t bytesBefore = 0;
-    std::string comment;
+    std::string comment; // cut short when the file ends before the length it declares
+    // Set when the archive is readable zip but of a kind this reader refuses (zip64, split
+    // over disks): the reason in users' words.
+    const char* unsupported = nullptr;
 
     std::uint32_t DirectoryStart() const noexcept { return directoryOffset + bytesBefore; }
     std::uint32_t DirectoryEnd() const noexcept { return position; }
 };
 
-// Finds the record by scanning backwards through the last 65535 + 22 bytes, and checks it:
-// single disk, the directory lies inside the file in front of the record, and the entry
-// count fits the directory's size. Returns 0, or -1 on I/O failure, -103 on a bad archive.
+// Finds the record the standard readers take: the last signature in the last 65535 + 22
+// bytes, even when the comment it declares runs past the end of the file. Only when that
+// signature cannot be an end record at all (no central directory where it says) is it taken
+// for text inside the comment of an earlier record whose comment ends exactly at the end of
+// the file. Then checks it: no zip64 locator in front of it, single disk, the directory lies
+// inside the file in front of the record, and the entry count fits the directory's size.
+// Returns 0, or -1 on I/O failure, -103 on a bad archive (with end.unsupported set when the
+// archive is of a kind that is refused rather than damaged).
 int FindEndRecord(StreamAccess& file, EndRecord& end);
 
 } // namespace QOB::MiniZip

@@ -1,11 +1,15 @@
 // Zip reader: classic zip (no zip64), stored and deflated entries, data descriptors,
 // archive comments and foreign extra fields. Every offset and size read from the file is
-// checked against the file before use.
+// checked against the file before use. A call that refuses the archive or an entry for a
+// reason a user can act on leaves that reason in unzRefusal (refusal.hpp).
 #pragma once
 
 #include "archive/minizip/io.hpp"
 
+#include "archive/minizip/refusal.hpp"
+
 #include <cstdint>
+#include <string>
 
 namespace QOB::MiniZip {
 
@@ -35,7 +39,8 @@ struct tm_unz {
 struct unz_global_info {
     std::uint32_t number_entry;
     std::uint32_t size_comment;
-    std::uint32_t file_size; // of the file as the reader found it when opened
+    std::uint32_t file_size;    // of the file as the reader found it when opened
+    std::uint32_t bytes_before; // in front of the archive (a self-extractor stub)
 };
 
 struct unz_file_info {
@@ -63,8 +68,10 @@ int unzClose(unzFile file);
 int unzGetGlobalInfo(unzFile file, unz_global_info* info);
 int unzGoToFirstFile(unzFile file);
 int unzGoToNextFile(unzFile file); // UNZ_END_OF_LIST_OF_FILE after the last entry
-// ASCII letters compared without regard to case, an entry of exactly that name preferred over
-// earlier ones that differ in case only; names of 256 bytes or more are never found
+// Compares the name with the decoded names of the entries, a stored backslash read as "/": ASCII
+// letters compared without regard to case, an entry of exactly that name preferred over
+// earlier ones that differ in case only; two entries of exactly that name are refused
+// (UNZ_BADZIPFILE with a reason, unzRefusal). Names of 256 bytes or more are never found
 // (UNZ_PARAMERROR). Not found: UNZ_END_OF_LIST_OF_FILE, current entry unchanged.
 int unzLocateFile(unzFile file, const char* name);
 // Information about the current entry; name (NUL-terminated when it fits), central extra
@@ -72,6 +79,8 @@ int unzLocateFile(unzFile file, const char* name);
 int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::uint32_t nameSize,
                           void* extra, std::uint32_t extraSize, char* comment,
                           std::uint32_t commentSize);
+// The current entry's name decoded to UTF-8, as a listing shows it (see entry_name.hpp).
+int unzGetCurrentFileDecodedName(unzFile file, std::string* name);
 // Where the current entry's central record is: its index in the directory and the record's
 // file position. Going back there later costs one record read, whatever the archive's size.
 int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t* recordPosition);

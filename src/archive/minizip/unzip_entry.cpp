@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -46,32 +48,45 @@ void ReadEntryDelete::operator()(ReadEntry* entry) const noexcept {
 
 namespace {
 
+// Records why the current entry cannot be read, naming it, and returns UNZ_BADZIPFILE.
+int RefuseEntry(const UnzReader& reader, const char* why) noexcept {
+    char reason[256];
+    std::snprintf(reason, sizeof reason, "entry \"%.150s\": %s", reader.currentName.c_str(), why);
+    return Refuse(reason);
+}
+
 int CheckLocalHeader(UnzReader& reader, const CentralRecord& record, std::uint64_t& dataStart) {
     const std::uint64_t header = std::uint64_t{record.localHeaderOffset} + reader.end.bytesBefore;
-    if (header + kLocalHeaderSize > reader.end.fileSize) {
-        return UNZ_BADZIPFILE;
+    if (header + kLocalHeaderSize + record.name.size() > reader.end.fileSize) {
+        return RefuseEntry(reader, "its local header lies outside the file");
     }
-    std::uint8_t local[kLocalHeaderSize];
-    if (!reader.file.ReadAt(header, local, kLocalHeaderSize)) {
+    std::vector<std::uint8_t> local(kLocalHeaderSize + record.name.size());
+    if (!reader.file.ReadAt(header, local.data(), static_cast<std::uint32_t>(local.size()))) {
         return UNZ_ERRNO;
     }
     using Bytes::Get16;
     using Bytes::Get32;
-    if (Get32(local) != kLocalHeaderSignature || Get16(local + 8) != record.method ||
-        Get16(local + 26) != record.name.size()) {
-        return UNZ_BADZIPFILE;
+    if (Get32(local.data()) != kLocalHeaderSignature) {
+        return RefuseEntry(reader, "no local header where the central directory says");
+    }
+    // Readers that go by the local header would show another entry: the two must agree.
+    if (Get16(local.data() + 26) != record.name.size() ||
+        std::memcmp(local.data() + kLocalHeaderSize, record.name.data(), record.name.size()) != 0) {
+        return RefuseEntry(reader, "its local header gives another name");
     }
     // Without a data descriptor the local header repeats the central CRC and sizes.
-    if ((Get16(local + 6) & kFlagDataDescriptor) == 0 &&
-        (Get32(local + 14) != record.crc || Get32(local + 18) != record.compressedSize ||
-         Get32(local + 22) != record.uncompressedSize)) {
-        return UNZ_BADZIPFILE;
+    if (Get16(local.data() + 8) != record.method ||
+        ((Get16(local.data() + 6) & kFlagDataDescriptor) == 0 &&
+         (Get32(local.data() + 14) != record.crc ||
+          Get32(local.data() + 18) != record.compressedSize ||
+          Get32(local.data() + 22) != record.uncompressedSize))) {
+        return RefuseEntry(reader, "its local header disagrees with the central directory");
     }
-    // The local name and extra field may differ from the central ones in length: the data
-    // starts behind the local ones.
-    dataStart = header + kLocalHeaderSize + Get16(local + 26) + Get16(local + 28);
+    // The local extra field may differ from the central one in length: the data starts
+    // behind the local one.
+    dataStart = header + kLocalHeaderSize + record.name.size() + Get16(local.data() + 28);
     if (dataStart + record.compressedSize > reader.end.fileSize) {
-        return UNZ_BADZIPFILE;
+        return RefuseEntry(reader, "its data runs past the end of the file");
     }
     return UNZ_OK;
 }
@@ -82,22 +97,29 @@ int OpenCurrent(UnzReader& reader) {
     }
     if (reader.entry) {
         unzCloseCurrentFile(&reader);
+        ClearRefusal();
     }
     const CentralRecord& record = reader.current;
     if ((record.flags & kFlagEncrypted) != 0) {
-        return UNZ_BADZIPFILE; // encryption is not supported
+        return RefuseEntry(reader, "encrypted entries are not supported");
     }
     if (record.method == 0) {
         if (record.compressedSize != record.uncompressedSize) {
-            return UNZ_BADZIPFILE;
+            return RefuseEntry(reader, "stored, yet its two sizes differ");
         }
     } else if (record.method == Z_DEFLATED) {
+        // Checked before the size is trusted for anything: a size no deflate stream of this
+        // length can produce is a lie.
         if (record.uncompressedSize >
             (std::uint64_t{record.compressedSize} + 1) * kMaxDeflateRatio) {
-            return UNZ_BADZIPFILE;
+            return RefuseEntry(reader, "its size is more than its compressed data can hold");
         }
     } else {
-        return UNZ_BADZIPFILE;
+        char why[96];
+        std::snprintf(why, sizeof why,
+                      "compression method %u is not supported (only stored and deflate)",
+                      static_cast<unsigned>(record.method));
+        return RefuseEntry(reader, why);
     }
     std::uint64_t dataStart = 0;
     if (const int checked = CheckLocalHeader(reader, record, dataStart); checked != UNZ_OK) {
@@ -229,6 +251,7 @@ int ReadCurrent(UnzReader& reader, void* buffer, unsigned length) {
 } // namespace
 
 int unzOpenCurrentFile(unzFile file) {
+    ClearRefusal();
     if (file == nullptr) {
         return UNZ_PARAMERROR;
     }
@@ -240,6 +263,7 @@ int unzOpenCurrentFile(unzFile file) {
 }
 
 int unzReadCurrentFile(unzFile file, void* buffer, unsigned length) {
+    ClearRefusal();
     if (file == nullptr || !AsReader(file)->entry || (buffer == nullptr && length > 0)) {
         return UNZ_PARAMERROR;
     }
@@ -247,6 +271,7 @@ int unzReadCurrentFile(unzFile file, void* buffer, unsigned length) {
 }
 
 int unzCloseCurrentFile(unzFile file) {
+    ClearRefusal();
     if (file == nullptr || !AsReader(file)->entry) {
         return UNZ_PARAMERROR;
     }

@@ -1,13 +1,18 @@
 // The zip reader: opening an archive, walking its central directory, locating entries and
 // reporting their information.
 #include "archive/minizip/bytes.hpp"
+#include "archive/minizip/entry_name.hpp"
 #include "archive/minizip/unzip_state.hpp"
 #include "support/dos_time.hpp"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace QOB::MiniZip {
@@ -68,8 +73,14 @@ int ReadRecord(UnzReader& reader, std::uint64_t position, CentralRecord& record)
 
 int GoTo(UnzReader& reader, std::uint32_t index, std::uint64_t position) {
     reader.currentValid = false;
+    if (reader.unsupported != nullptr) {
+        return Refuse(reader.unsupported);
+    }
     const int result = ReadRecord(reader, position, reader.current);
     if (result == UNZ_OK) {
+        const CentralRecord& record = reader.current;
+        reader.currentName = DecodeName(
+            {record.name, record.flags, record.method, record.extra.data(), record.extra.size()});
         reader.currentValid = true;
         reader.index = index;
         reader.recordPosition = static_cast<std::uint32_t>(position);
@@ -78,6 +89,10 @@ int GoTo(UnzReader& reader, std::uint32_t index, std::uint64_t position) {
 }
 
 int GoToFirst(UnzReader& reader) {
+    if (reader.unsupported != nullptr) {
+        reader.currentValid = false;
+        return Refuse(reader.unsupported);
+    }
     if (reader.end.entryCount == 0) {
         reader.currentValid = false;
         return UNZ_END_OF_LIST_OF_FILE; // an empty archive: nothing to stand on
@@ -105,10 +120,12 @@ bool SameNameIgnoringCase(const char* stored, const char* wanted, std::size_t le
     return true;
 }
 
-// Records where each name of the in-memory directory lies, stopping at a damaged record.
+// Records where each name of the in-memory directory lies and the form a lookup compares,
+// stopping at a damaged record.
 void IndexNames(UnzReader& reader) {
     const std::vector<std::uint8_t>& directory = reader.directory;
     reader.names.clear();
+    reader.keys.clear();
     reader.names.reserve(reader.end.entryCount);
     std::size_t offset = 0;
     for (std::uint32_t index = 0; index < reader.end.entryCount; ++index) {
@@ -126,40 +143,63 @@ void IndexNames(UnzReader& reader) {
             reader.damagedAfterNames = true;
             break;
         }
-        reader.names.push_back({static_cast<std::uint32_t>(offset), lengths.name});
+        const std::string_view stored(reinterpret_cast<const char*>(header + kCentralHeaderSize),
+                                      lengths.name);
+        const StoredName name{stored, Bytes::Get16(header + 8), Bytes::Get16(header + 10),
+                              header + kCentralHeaderSize + lengths.name, lengths.extra};
+        std::uint32_t key = UnzReader::kStoredKey;
+        if (!IsPlainName(name)) {
+            key = static_cast<std::uint32_t>(reader.keys.size());
+            reader.keys.push_back(LookupKey(DecodeName(name)));
+        }
+        reader.names.push_back({static_cast<std::uint32_t>(offset), key, lengths.name});
         offset += kCentralHeaderSize + lengths.Total();
     }
     reader.namesIndexed = true;
 }
 
-// The lookup over a directory held in memory: names are compared where they lie and only the
-// match is parsed, so a package read (dozens of lookups) allocates nothing per record. Stops
-// at a damaged record exactly where the walk would, leaving the current entry as it was.
-int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
+int RefuseTwins(const std::string& name) noexcept {
+    char reason[256];
+    std::snprintf(reason, sizeof reason, "two entries are named \"%.200s\"", name.c_str());
+    return Refuse(reason);
+}
+
+// The lookup over a directory held in memory: plain names are compared where they lie and
+// only the match is parsed, so a package read (dozens of lookups) allocates nothing per
+// record. Stops at a damaged record exactly where the walk would, leaving the current entry
+// as it was.
+int LocateInMemory(UnzReader& reader, const std::string& name) {
     if (!reader.namesIndexed) {
         IndexNames(reader);
     }
-    auto stored = [&](const UnzReader::NameSlot& slot) {
-        return reinterpret_cast<const char*>(reader.directory.data() + slot.offset +
-                                             kCentralHeaderSize);
-    };
-    // An exact match wins over an earlier one that differs in case only, so the (usual)
-    // exact match is looked for first.
-    std::optional<std::uint32_t> folded;
-    for (const bool exact : {true, false}) {
-        for (std::uint32_t index = 0; index < reader.names.size(); ++index) {
-            const UnzReader::NameSlot& slot = reader.names[index];
-            if (slot.length != length) {
-                continue;
-            }
-            if (exact && std::memcmp(stored(slot), name, length) == 0) {
-                return GoTo(reader, index, reader.end.DirectoryStart() + slot.offset);
-            }
-            if (!exact && SameNameIgnoringCase(stored(slot), name, length)) {
-                folded = index;
-                break;
-            }
+    auto key = [&](const UnzReader::NameSlot& slot) {
+        if (slot.key != UnzReader::kStoredKey) {
+            return std::string_view(reader.keys[slot.key]);
         }
+        return std::string_view(reinterpret_cast<const char*>(reader.directory.data() +
+                                                              slot.offset + kCentralHeaderSize),
+                                slot.length);
+    };
+    // An exact match wins over an earlier one that differs in case only; two exact matches
+    // are one name for two entries, and which one a reader shows is anybody's guess.
+    std::optional<std::uint32_t> exact;
+    std::optional<std::uint32_t> folded;
+    for (std::uint32_t index = 0; index < reader.names.size(); ++index) {
+        const std::string_view stored = key(reader.names[index]);
+        if (stored.size() != name.size()) {
+            continue;
+        }
+        if (stored == name) {
+            if (exact) {
+                return RefuseTwins(name);
+            }
+            exact = index;
+        } else if (!folded && SameNameIgnoringCase(stored.data(), name.data(), name.size())) {
+            folded = index;
+        }
+    }
+    if (exact) {
+        return GoTo(reader, *exact, reader.end.DirectoryStart() + reader.names[*exact].offset);
     }
     if (reader.damagedAfterNames) {
         return UNZ_BADZIPFILE;
@@ -170,45 +210,53 @@ int LocateInMemory(UnzReader& reader, const char* name, std::size_t length) {
     return UNZ_END_OF_LIST_OF_FILE;
 }
 
-int Locate(UnzReader& reader, const char* name) {
-    const std::size_t length = std::strlen(name);
-    if (length >= UNZ_MAXFILENAMEINZIP) {
+int Locate(UnzReader& reader, const char* wanted) {
+    const std::string name(wanted);
+    if (name.size() >= UNZ_MAXFILENAMEINZIP) {
         return UNZ_PARAMERROR;
     }
+    if (reader.unsupported != nullptr) {
+        return Refuse(reader.unsupported);
+    }
     if (!reader.directory.empty()) {
-        return LocateInMemory(reader, name, length);
+        return LocateInMemory(reader, name);
     }
     const bool savedValid = reader.currentValid;
     const std::uint32_t savedIndex = reader.index;
     const std::uint32_t savedPosition = reader.recordPosition;
     CentralRecord saved = reader.current;
+    std::string savedName = reader.currentName;
 
     // The first entry that differs in case only is the answer unless one matches exactly:
     // "MANIFEST.XML" listed first must not hide "manifest.xml".
-    bool folded = false;
-    std::uint32_t foldedIndex = 0;
-    std::uint32_t foldedPosition = 0;
+    std::optional<std::pair<std::uint32_t, std::uint32_t>> exact;
+    std::optional<std::pair<std::uint32_t, std::uint32_t>> folded;
     int step = GoToFirst(reader);
     for (; step == UNZ_OK; step = GoToNext(reader)) {
-        if (reader.current.name.size() == length &&
-            SameNameIgnoringCase(reader.current.name.data(), name, length)) {
-            if (std::memcmp(reader.current.name.data(), name, length) == 0) {
-                return UNZ_OK;
+        const std::string key = LookupKey(reader.currentName);
+        if (key.size() != name.size()) {
+            continue;
+        }
+        if (key == name) {
+            if (exact) {
+                return RefuseTwins(name);
             }
-            if (!folded) {
-                folded = true;
-                foldedIndex = reader.index;
-                foldedPosition = reader.recordPosition;
-            }
+            exact.emplace(reader.index, reader.recordPosition);
+        } else if (!folded && SameNameIgnoringCase(key.data(), name.data(), name.size())) {
+            folded.emplace(reader.index, reader.recordPosition);
         }
     }
+    if (exact) {
+        return GoTo(reader, exact->first, exact->second);
+    }
     if (folded && step == UNZ_END_OF_LIST_OF_FILE) {
-        return GoTo(reader, foldedIndex, foldedPosition);
+        return GoTo(reader, folded->first, folded->second);
     }
     reader.currentValid = savedValid;
     reader.index = savedIndex;
     reader.recordPosition = savedPosition;
     reader.current = std::move(saved);
+    reader.currentName = std::move(savedName);
     return step; // the end of the list, or what stopped the walk
 }
 
@@ -233,6 +281,7 @@ void CopyOut(const void* source, std::size_t size, void* target, std::uint32_t c
 } // namespace
 
 unzFile unzOpen2(const char* path, const zlib_filefunc_def* functions) {
+    ClearRefusal();
     const zlib_filefunc_def io = functions != nullptr ? *functions : PlatformFileFunctions();
     void* stream = StreamAccess::Open(io, path, kOpenRead | kOpenExisting);
     if (stream == nullptr) {
@@ -240,9 +289,17 @@ unzFile unzOpen2(const char* path, const zlib_filefunc_def* functions) {
     }
     try {
         auto reader = std::make_unique<UnzReader>(io, stream);
-        if (FindEndRecord(reader->file, reader->end) == UNZ_OK) {
+        const int found = FindEndRecord(reader->file, reader->end);
+        if (found == UNZ_OK) {
             LoadDirectory(*reader);
             GoToFirst(*reader);
+            return reader.release();
+        }
+        // An archive of a refused kind opens, so that its first walk or lookup can say why.
+        if (found == UNZ_BADZIPFILE && reader->end.unsupported != nullptr) {
+            reader->unsupported = reader->end.unsupported;
+            reader->end = EndRecord{};
+            Refuse(reader->unsupported);
             return reader.release();
         }
     } catch (const std::bad_alloc&) {
@@ -270,10 +327,12 @@ int unzGetGlobalInfo(unzFile file, unz_global_info* info) {
     info->number_entry = AsReader(file)->end.entryCount;
     info->size_comment = static_cast<std::uint32_t>(AsReader(file)->end.comment.size());
     info->file_size = AsReader(file)->end.fileSize;
+    info->bytes_before = AsReader(file)->end.bytesBefore;
     return UNZ_OK;
 }
 
 int unzGoToFirstFile(unzFile file) {
+    ClearRefusal();
     if (file == nullptr) {
         return UNZ_PARAMERROR;
     }
@@ -286,6 +345,7 @@ int unzGoToFirstFile(unzFile file) {
 }
 
 int unzGoToNextFile(unzFile file) {
+    ClearRefusal();
     if (file == nullptr) {
         return UNZ_PARAMERROR;
     }
@@ -298,6 +358,7 @@ int unzGoToNextFile(unzFile file) {
 }
 
 int unzLocateFile(unzFile file, const char* name) {
+    ClearRefusal();
     if (file == nullptr || name == nullptr) {
         return UNZ_PARAMERROR;
     }
@@ -349,6 +410,22 @@ int unzGetCurrentFileInfo(unzFile file, unz_file_info* info, char* name, std::ui
     return UNZ_OK;
 }
 
+int unzGetCurrentFileDecodedName(unzFile file, std::string* name) {
+    if (file == nullptr || name == nullptr) {
+        return UNZ_PARAMERROR;
+    }
+    const UnzReader& reader = *AsReader(file);
+    if (!reader.currentValid) {
+        return UNZ_END_OF_LIST_OF_FILE;
+    }
+    try {
+        *name = reader.currentName;
+    } catch (const std::bad_alloc&) {
+        return UNZ_INTERNALERROR;
+    }
+    return UNZ_OK;
+}
+
 int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t* recordPosition) {
     if (file == nullptr || index == nullptr || recordPosition == nullptr) {
         return UNZ_PARAMERROR;
@@ -363,6 +440,7 @@ int unzGetCurrentFilePosition(unzFile file, std::uint32_t* index, std::uint32_t*
 }
 
 int unzGoToFilePosition(unzFile file, std::uint32_t index, std::uint32_t recordPosition) {
+    ClearRefusal();
     if (file == nullptr) {
         return UNZ_PARAMERROR;
     }
