@@ -1,0 +1,871 @@
+#!/usr/bin/env python3
+"""What another user of the machine, or a set of files handed over, can do to a package: at
+most make a call fail, with a message naming the file and the reason. Never change the package
+or the user's other files, never make a call hang.
+
+Runs as root in a private mount namespace with a fresh /tmp and its own passwd and group files
+(two unprivileged users, both members of one group), acting as each user through setpriv: root
+alone bypasses permissions and would hide failures. Every call is a fresh process (qob_child.py
+over the shared library). Every row compares all files of the test's tree, byte for byte with
+owner and mode, before and after the call, apart from the changes the row expects.
+
+usage: two_user_test.py --library PATH [unittest arguments]
+Exits 77 (skipped) when it is not root or may not make a mount namespace.
+"""
+import argparse
+import hashlib
+import os
+import pathlib
+import random
+import shutil
+import stat
+import struct
+import subprocess
+import sys
+import tarfile
+import time
+import unittest
+import zlib
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / 'common'))
+import private_namespace  # noqa: E402
+
+LIBRARY = CHILD = None
+OWNER, OTHER, SHARE = 1001, 1002, 1100  # replaced by free ids when these are taken
+
+TOP = pathlib.Path('/tmp/q')
+SOURCES = TOP / 'sources'   # root's: the files packages are made of, and reference copies
+HOME = TOP / 'owner'        # the owner's own folder (0755)
+THEIRS = TOP / 'other'      # the other user's own folder (0755)
+STICKY = TOP / 'sticky'     # world-writable, sticky, like /tmp
+SHARED = TOP / 'group'      # group folder (2770) of both users
+STOP = pathlib.Path('/tmp/stop-background')
+NAME = 'pkg.qob'
+PROFILE = HOME / 'profile'
+MINE = THEIRS / 'mine'
+
+# What a reader sees of the settings; filled by World.build.
+OLD_SETTINGS = NEW_SETTINGS = None
+BYTES = {}  # 'P0', 'P1', ... reference states of the package
+
+CANNOT_OPEN, CANNOT_READ, ALREADY_EXISTS, PACKAGE_NOT_FOUND = -9, -10, -14, -8
+FILE_NOT_IN_PACKAGE = -2
+FAILS = 'fails'  # any failure: the code is the one the failing step has
+
+
+# --- The journal's layout (little-endian; CRC-32 as zlib computes it) ---------------------
+
+MAGIC = b'QOBJRNL\0'
+RECORD, CLOSING = 0x44524352, 0x454E4F44
+HEADER_SIZE = 48
+
+
+def crc(*parts):
+    value = 0
+    for part in parts:
+        value = zlib.crc32(part, value)
+    return value
+
+
+class Journal:
+    """A version-2 journal: the package's original bytes of each region the change overwrites
+    (offset, data, batch), bound to one package by its name, the CRC of its original end and
+    a nonce that every record's CRC covers."""
+
+    def __init__(self, original, name=NAME, nonce=0x1122334455667788, regions=(), done=None,
+                 original_length=None):
+        self.original, self.name, self.nonce = original, name, nonce
+        self.regions = list(regions)
+        self.done = done  # (new length, batch) of a closing record
+        self.original_length = len(original) if original_length is None else original_length
+
+    def header(self):
+        body = MAGIC + struct.pack('<IIQQIII', 2, HEADER_SIZE, self.original_length, self.nonce,
+                                   crc(self.original[-22:]), crc(self.name.encode()), 0)
+        return body + struct.pack('<I', crc(body))
+
+    def record(self, offset, data, batch, nonce=None):
+        head = struct.pack('<IQQI', RECORD, offset, len(data), batch)
+        seed = struct.pack('<Q', self.nonce if nonce is None else nonce)
+        return head + data + struct.pack('<I', crc(seed, head, data))
+
+    def closing(self, length, batch):
+        body = struct.pack('<IQI', CLOSING, length, batch)
+        return body + struct.pack('<I', crc(struct.pack('<Q', self.nonce), body))
+
+    def encode(self):
+        """The journal's bytes and where each record starts."""
+        out, starts = bytearray(self.header()), []
+        for offset, data, batch in self.regions:
+            starts.append(len(out))
+            out += self.record(offset, data, batch)
+        if self.done:
+            out += self.closing(*self.done)
+        return bytes(out), starts
+
+
+def version1(original):
+    """The older release's journal: a 32-byte header and records without nonce or batch."""
+    body = MAGIC + struct.pack('<IIQI', 1, 32, len(original), 0)
+    head = struct.pack('<IQQ', RECORD, 0, 64)
+    data = original[:64]
+    return body + struct.pack('<I', crc(body)) + head + data + struct.pack('<I', crc(head, data))
+
+
+def changed_regions(before, after, at_least=3):
+    """The regions an in-place change from before to after overwrites, as (offset, length):
+    runs of differing bytes, close ones merged, the largest split until there are enough."""
+    regions, start, last = [], None, None
+    for i in range(min(len(before), len(after))):
+        if before[i] != after[i]:
+            if start is not None and i - last > 16:
+                regions.append((start, last + 1 - start))
+                start = None
+            if start is None:
+                start = i
+            last = i
+    if start is not None:
+        regions.append((start, last + 1 - start))
+    while len(regions) < at_least:
+        big = max(regions, key=lambda r: r[1])
+        half = big[1] // 2
+        regions[regions.index(big)] = (big[0], half)
+        regions.append((big[0] + half, big[1] - half))
+        regions.sort()
+    return regions
+
+
+def genuine(before, after, name=NAME, nonce=0x1122334455667788):
+    """The journal of the change from before to after, one sync batch per region, and the
+    package as a crash leaves it after `written` batches reached it."""
+    regions = [(offset, before[offset:offset + length], batch)
+               for batch, (offset, length) in enumerate(changed_regions(before, after), 1)]
+    return Journal(before, name, nonce, regions)
+
+
+def crashed(journal, after, written=None):
+    """The package once the batches up to `written` (all by default) were written. Laying the
+    journal's records of those batches back over it gives the original: the rows that expect
+    a rollback rest on that."""
+    last = len(journal.regions) if written is None else written
+    out = bytearray(journal.original) + bytearray(after[len(journal.original):])
+    for offset, data, batch in journal.regions:
+        if batch <= last:
+            out[offset:offset + len(data)] = after[offset:offset + len(data)]
+    back = bytearray(out)
+    for offset, data, batch in journal.regions:
+        if batch <= last:
+            back[offset:offset + len(data)] = data
+    assert back[:len(journal.original)] == journal.original
+    return bytes(out)
+
+
+# --- Users, files and calls -----------------------------------------------------------------
+
+def as_user(uid, command):
+    return ['setpriv', f'--reuid={uid}', f'--regid={uid}', '--init-groups'] + command
+
+
+class Call:
+    def __init__(self, output):
+        self.lines = output.splitlines()
+        results = [int(line.split()[1]) for line in self.lines if line.startswith('result ')]
+        self.code = results[-1] if results else None
+        self.settings = next((line.split()[1] for line in self.lines
+                              if line.startswith('settings ')), None)
+        self.args = next((line.split()[1] for line in self.lines if line.startswith('args ')),
+                         None)
+
+    def says(self, text):
+        """Whether the failure's message (raised and reported by the frame) holds text."""
+        raised = any('Exception: ' in line and text in line for line in self.lines)
+        reported = any(line.startswith('[QOB][ERROR] QOB_') and '] ' in line and text in line
+                       for line in self.lines)
+        return raised and reported
+
+
+def call(uid, operation, package, *arguments, env=None, timeout=60):
+    command = [sys.executable, CHILD, LIBRARY, operation, str(package), *map(str, arguments)]
+    done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
+                          text=True, timeout=timeout, env=dict(os.environ, **(env or {})))
+    return Call(done.stdout + done.stderr)
+
+
+def place(path, content, uid, mode, gid=None):
+    path = pathlib.Path(path)
+    path.write_bytes(content)
+    os.chown(path, uid, uid if gid is None else gid)
+    path.chmod(mode)
+    return path
+
+
+def link(path, target, uid):
+    os.symlink(target, path)
+    os.chown(path, uid, uid, follow_symlinks=False)
+
+
+def describe(path):
+    """Type, mode, owner, links and content (digest) of a path, not following links."""
+    status = os.lstat(path)
+    kind = stat.S_IFMT(status.st_mode)
+    content = None
+    if stat.S_ISREG(status.st_mode):
+        digest = hashlib.sha256()
+        with open(path, 'rb') as f:
+            for block in iter(lambda: f.read(1 << 20), b''):
+                digest.update(block)
+        content = (digest.hexdigest(), status.st_mtime_ns)
+    elif stat.S_ISLNK(status.st_mode):
+        content = os.readlink(path)
+    nlink = status.st_nlink if not stat.S_ISDIR(status.st_mode) else None
+    return (kind, stat.S_IMODE(status.st_mode), status.st_uid, status.st_gid, nlink, content)
+
+
+def snapshot():
+    found = {}
+    for folder, folders, files in os.walk(TOP):
+        for name in folders + files:
+            path = os.path.join(folder, name)
+            found[path] = describe(path)
+    return found
+
+
+# Expected changes: a path -> GONE, a key of BYTES (the file's new content, owner and mode as
+# before), UPDATED (a package that now holds the new settings, owner and mode as before), or
+# CREATED (a new regular file of the owner that nobody else may write).
+GONE, CREATED, UPDATED = 'gone', 'created', 'updated'
+
+
+def digest_of(name):
+    return hashlib.sha256(BYTES[name]).hexdigest()
+
+
+# --- The world each row starts from ---------------------------------------------------------
+
+class World:
+    @staticmethod
+    def users():
+        """Two users and their group, in passwd and group files of this namespace only."""
+        global OWNER, OTHER, SHARE
+        passwd = pathlib.Path('/etc/passwd').read_text()
+        group = pathlib.Path('/etc/group').read_text()
+        taken = {int(line.split(':')[2]) for text in (passwd, group)
+                 for line in text.splitlines() if line.count(':') >= 3}
+        OWNER, OTHER, SHARE = (next(i for i in range(start, start + 500) if i not in taken)
+                               for start in (OWNER, OTHER, SHARE))
+        edited = pathlib.Path('/tmp/etc')
+        edited.mkdir(mode=0o755)
+        (edited / 'passwd').write_text(
+            passwd.rstrip('\n') + f'\nqobowner:x:{OWNER}:{OWNER}::{HOME}:/bin/sh\n'
+            f'qobother:x:{OTHER}:{OTHER}::{THEIRS}:/bin/sh\n')
+        (edited / 'group').write_text(
+            group.rstrip('\n') + f'\nqobowner:x:{OWNER}:\nqobother:x:{OTHER}:\n'
+            f'qobshare:x:{SHARE}:qobowner,qobother\n')
+        for name in ('passwd', 'group'):
+            (edited / name).chmod(0o644)
+            if not private_namespace.mount('--bind', str(edited / name), f'/etc/{name}'):
+                private_namespace.skip('may not bind passwd and group files here')
+
+    @staticmethod
+    def build():
+        """Three states of one package (each an in-place update of the settings), and a second
+        package, all made by the library itself."""
+        global OLD_SETTINGS, NEW_SETTINGS
+        TOP.mkdir(mode=0o755)
+        SOURCES.mkdir(mode=0o755)
+        rng = random.Random(18)
+        (SOURCES / 'raw.iiq').write_bytes(rng.randbytes(150000))
+        (SOURCES / 'other.iiq').write_bytes(rng.randbytes(90000))
+        texts = {}
+        for age, size in (('oldest', 900), ('old', 1400), ('new', 2100)):
+            texts[age] = (f'<Settings age="{age}">' + 'x' * size + '</Settings>\n').encode()
+            (SOURCES / f'{age}.xml').write_bytes(texts[age])
+        OLD_SETTINGS = hashlib.sha256(texts['old']).hexdigest()[:16]
+        NEW_SETTINGS = hashlib.sha256(texts['new']).hexdigest()[:16]
+        for name, raw, states in ((NAME, 'raw.iiq', ('P-1', 'P0', 'P1')),
+                                  ('another.qob', 'other.iiq', (None, 'Q0', 'Q1'))):
+            work = SOURCES / name
+            made = call(0, 'create', work, SOURCES / raw, SOURCES / 'oldest.xml')
+            assert made.code == 0, made.lines
+            for state, age in zip(states, ('oldest', 'old', 'new')):
+                if age != 'oldest':
+                    assert call(0, 'update', work, SOURCES / f'{age}.xml').code == 0
+                if state:
+                    BYTES[state] = work.read_bytes()
+            work.unlink()
+        assert len(BYTES['P0']) == len(BYTES['P1']), 'the settings update should be in place'
+
+    @staticmethod
+    def reset():
+        for folder in (HOME, THEIRS, STICKY, SHARED):
+            if folder.exists():
+                shutil.rmtree(folder)
+        for folder, uid, gid, mode in ((HOME, OWNER, OWNER, 0o755), (THEIRS, OTHER, OTHER, 0o755),
+                                       (STICKY, 0, 0, 0o1777), (SHARED, 0, SHARE, 0o2770)):
+            folder.mkdir()
+            os.chown(folder, uid, gid)
+            folder.chmod(mode)
+        place(PROFILE, b'# the owner\'s shell profile\nexport PATH=$HOME/bin:$PATH\n' * 2,
+              OWNER, 0o644)
+        place(MINE, b'a file of the other user\n', OTHER, 0o644)
+        if STOP.exists():
+            STOP.unlink()
+
+
+def package(folder, state='P0', mode=0o644, gid=None):
+    """The owner's package in folder; in the group folder it belongs to the group."""
+    gid = SHARE if folder == SHARED else OWNER if gid is None else gid
+    return place(folder / NAME, BYTES[state], OWNER, mode, gid)
+
+
+def hot(folder, mode=0o644, uid=None, journal=None, written=None):
+    """The owner's package in folder as a crashed settings update left it, with its journal
+    (mode, owner and group as the package's unless told)."""
+    journal = journal or genuine(BYTES['P0'], BYTES['P1'])
+    gid = SHARE if folder == SHARED else OWNER
+    place(folder / NAME, crashed(journal, BYTES['P1'], written), OWNER, mode, gid)
+    data, _ = journal.encode()
+    return place(folder / (NAME + '-journal'), data, uid or OWNER, mode,
+                 gid if uid in (None, OWNER) else uid)
+
+
+def hostile(folder, target=None):
+    """A journal whose every check but its owner's holds, that would write 'EVIL' into the
+    start of target (the package beside it by default)."""
+    original = (target or folder / NAME).read_bytes()
+    name = (target or folder / NAME).name
+    return Journal(original, name, 7, [(0, b'EVIL' * 16, 1)])
+
+
+def planted(folder, data, uid=None, mode=0o644, gid=None, name=NAME + '-journal'):
+    uid = uid or OTHER
+    return place(folder / name, data, uid, mode, gid)
+
+
+# --- Rows ----------------------------------------------------------------------------------
+
+JOURNAL = NAME + '-journal'
+
+
+def row(name, setup, who, operation, path, code, *, refused=None, settings=None, changes=None,
+        arguments=(), env=None, timeout=60):
+    return dict(name=name, setup=setup, who=who, operation=operation, path=path, code=code,
+                refused=refused, settings=settings, changes=changes or {}, arguments=arguments,
+                env=env or {}, timeout=timeout)
+
+
+class Rows(unittest.TestCase):
+    maxDiff = None
+
+    def run_rows(self, rows):
+        for r in rows:
+            with self.subTest(r['name']):
+                World.reset()
+                r['setup']()
+                before = snapshot()
+                who = {'owner': OWNER, 'other': OTHER}[r['who']]
+                started = time.monotonic()
+                result = call(who, r['operation'], r['path'], *r['arguments'], env=r['env'],
+                              timeout=r['timeout'])
+                elapsed = time.monotonic() - started
+                context = '\n'.join(result.lines[-12:])
+                if r['code'] == FAILS:
+                    self.assertLess(result.code, 0, context)
+                else:
+                    self.assertEqual(result.code, r['code'], context)
+                if r['refused']:
+                    journal, check = r['refused']
+                    text = f'journal "{journal}" refused: {check}'
+                    self.assertTrue(result.says(text), f'no "{text}" in:\n' +
+                                    '\n'.join(line for line in result.lines if 'ERROR' in line))
+                if r['settings']:
+                    self.assertEqual(result.settings, r['settings'], 'settings seen')
+                self.assertChanges(before, snapshot(), r['changes'])
+                if elapsed > 20:
+                    print(f'  {r["name"]}: {elapsed:.1f} s', file=sys.stderr)
+
+    def assertChanges(self, before, after, changes):
+        for path in sorted(set(before) | set(after)):
+            want = changes.get(str(path), 'same')
+            got = after.get(path)
+            if want == 'same':
+                self.assertEqual(got, before.get(path), f'{path} changed')
+            elif want == GONE:
+                self.assertIsNone(got, f'{path} should be gone')
+            elif want == CREATED:
+                self.assertIsNotNone(got, f'{path} should exist')
+                kind, mode, uid = got[:3]
+                self.assertEqual((kind, uid), (stat.S_IFREG, OWNER), f'{path}: not the owner\'s')
+                self.assertEqual(mode & 0o022, 0, f'{path}: writable by others')
+            else:
+                self.assertIsNotNone(got, f'{path} should exist')
+                self.assertEqual(got[:5], before[path][:5], f'{path}: type, mode or owner')
+                if want == UPDATED:
+                    self.assertEqual(call(0, 'info', path).settings, NEW_SETTINGS, path)
+                else:
+                    self.assertEqual(got[5][0], digest_of(want), f'{path}: not {want}')
+        for path, want in changes.items():
+            if want not in ('same', GONE):
+                self.assertIn(path, after)
+
+
+def refused(folder, check):
+    return (str(folder / JOURNAL), check)
+
+
+def rolled_back(folder):
+    return {str(folder / NAME): 'P0', str(folder / JOURNAL): GONE}
+
+
+class PlantedJournals(Rows):
+    """Journals another user planted, or the owner was handed: refused, never applied."""
+
+    def test_rows(self):
+        def foreign(folder, make, mode=0o644):
+            def setup():
+                package(folder)
+                planted(folder, make(folder), mode=mode)
+            return setup
+
+        def valid(folder):
+            return hostile(folder).encode()[0]
+
+        def grow(folder):
+            return Journal(BYTES['P0'], original_length=0xFFFFFFFF).encode()[0]
+
+        def cut(folder):
+            return Journal(BYTES['P0'], done=(0, 1)).encode()[0]
+
+        def many(folder):
+            journal = Journal(BYTES['P0'])
+            return journal.header() + journal.record(0, b'', 1) * 4_000_000
+
+        def sparse():
+            package(SHARED)
+            journal = Journal(BYTES['P0'])
+            path = SHARED / JOURNAL
+            head = struct.pack('<IQQI', RECORD, 0, 512 << 20, 1)
+            value = crc(struct.pack('<Q', journal.nonce), head)
+            zeros = bytes(1 << 20)
+            for _ in range(512):
+                value = zlib.crc32(zeros, value)
+            with open(path, 'wb') as f:
+                f.write(journal.header() + head)
+                f.seek(512 << 20, os.SEEK_CUR)
+                f.write(struct.pack('<I', value))
+            os.chown(path, OTHER, SHARE)
+            path.chmod(0o660)
+
+        def special(make):
+            def setup():
+                package(STICKY)
+                make(STICKY / JOURNAL)
+                os.chown(STICKY / JOURNAL, OTHER, OTHER, follow_symlinks=False)
+            return setup
+
+        def owners_elsewhere(second_link):
+            def setup():
+                package(HOME)
+                saved = place(HOME / 'saved-journal', genuine(BYTES['P0'], BYTES['P1']).encode()[0],
+                              OWNER, 0o644)
+                if second_link:
+                    os.link(saved, HOME / JOURNAL)
+                else:
+                    link(HOME / JOURNAL, saved, OWNER)
+            return setup
+
+        def another_package():
+            package(HOME, 'P1')
+            journal = genuine(BYTES['Q0'], BYTES['Q1'], name='another.qob', nonce=99)
+            place(HOME / JOURNAL, journal.encode()[0], OWNER, 0o644)
+
+        not_theirs = 'owned by a user who may not write the package'
+        not_file = 'not a regular file'
+        rows = [
+            row('foreign journal with valid CRCs', foreign(STICKY, valid), 'owner', 'info',
+                STICKY / NAME, CANNOT_READ, refused=refused(STICKY, not_theirs)),
+            row('foreign journal growing the package to 4 GiB', foreign(STICKY, grow), 'owner',
+                'info', STICKY / NAME, CANNOT_READ, refused=refused(STICKY, not_theirs)),
+            row('foreign closing record cutting the package to zero', foreign(STICKY, cut),
+                'owner', 'isqob', STICKY / NAME, CANNOT_READ,
+                refused=refused(STICKY, not_theirs)),
+            row('foreign journal before an update', foreign(STICKY, valid), 'owner', 'update',
+                STICKY / NAME, CANNOT_READ, arguments=[SOURCES / 'new.xml'],
+                refused=refused(STICKY, not_theirs)),
+            row('group member growing the package to 4 GiB', foreign(SHARED, grow, 0o660),
+                'owner', 'info', SHARED / NAME, CANNOT_READ,
+                refused=refused(SHARED, 'original length beyond the package')),
+            row('group member closing past the end',
+                foreign(SHARED, lambda f: Journal(BYTES['P0'], done=(len(BYTES['P0']) + 4096, 1))
+                        .encode()[0], 0o660),
+                'owner', 'info', SHARED / NAME, CANNOT_READ,
+                refused=refused(SHARED, 'closing length beyond the package')),
+            row('group member journal of 4,000,000 empty records', foreign(SHARED, many, 0o660),
+                'owner', 'info', SHARED / NAME, CANNOT_READ,
+                refused=refused(SHARED, 'too many records'), timeout=60),
+            row('group member sparse record of 512 MiB', sparse, 'owner', 'info', SHARED / NAME,
+                CANNOT_READ, refused=refused(SHARED, 'record outside the package')),
+            row('group member journal that others may write', foreign(SHARED, valid, 0o666),
+                'owner', 'info', SHARED / NAME, CANNOT_READ,
+                refused=refused(SHARED, 'writable by a user who may not write the package')),
+            row('FIFO', special(lambda p: os.mkfifo(p, 0o666)), 'owner', 'info', STICKY / NAME,
+                CANNOT_READ, refused=refused(STICKY, not_file), timeout=15),
+            row('FIFO before an update', special(lambda p: os.mkfifo(p, 0o666)), 'owner',
+                'update', STICKY / NAME, CANNOT_READ, arguments=[SOURCES / 'new.xml'],
+                refused=refused(STICKY, not_file), timeout=15),
+            row('directory', special(lambda p: p.mkdir(mode=0o777)), 'owner', 'info',
+                STICKY / NAME, CANNOT_READ, refused=refused(STICKY, not_file)),
+            row('dangling link into the other user\'s folder',
+                special(lambda p: os.symlink(THEIRS / 'stolen', p)), 'owner', 'update',
+                STICKY / NAME, CANNOT_READ, arguments=[SOURCES / 'new.xml'],
+                refused=refused(STICKY, not_file)),
+            row('link to the owner\'s profile', special(lambda p: os.symlink(PROFILE, p)),
+                'owner', 'info', STICKY / NAME, CANNOT_READ, refused=refused(STICKY, not_file)),
+            row('link to a genuine journal of the owner', owners_elsewhere(False), 'owner',
+                'info', HOME / NAME, CANNOT_READ, refused=refused(HOME, not_file)),
+            row('hard link to a genuine journal of the owner', owners_elsewhere(True), 'owner',
+                'info', HOME / NAME, CANNOT_READ, refused=refused(HOME, 'more than one link')),
+            row('genuine journal of another package', another_package, 'owner', 'info',
+                HOME / NAME, CANNOT_READ, refused=refused(HOME, 'bound to another package')),
+        ]
+        self.run_rows(rows)
+
+
+class LinksAndGifts(Rows):
+    """A package path that is a symbolic link: the journal beside the link is never read, and
+    the link's target is never written by a read."""
+
+    def test_rows(self):
+        def link_in_their_folder(target):
+            def setup():
+                package(HOME)
+                link(THEIRS / NAME, target, OTHER)
+                planted(THEIRS, hostile(HOME, target).encode()[0])
+            return setup
+
+        def gift(target):
+            """A tar file of a link and a journal, unpacked by the owner in their folder."""
+            def setup():
+                package(HOME)
+                made = THEIRS / 'made'
+                made.mkdir()
+                os.symlink(target, made / NAME)
+                (made / JOURNAL).write_bytes(hostile(HOME, target).encode()[0])
+                with tarfile.open(THEIRS / 'gift.tar', 'w') as tar:
+                    for name in (NAME, JOURNAL):
+                        tar.add(made / name, arcname=name)
+                shutil.rmtree(made)
+                os.chown(THEIRS / 'gift.tar', OTHER, OTHER)
+                (HOME / 'gift').mkdir()
+                os.chown(HOME / 'gift', OWNER, OWNER)
+                subprocess.run(as_user(OWNER, ['tar', '-xf', str(THEIRS / 'gift.tar'), '-C',
+                                               str(HOME / 'gift')]), check=True)
+            return setup
+
+        package_path = HOME / NAME
+        rows = [
+            row('read through a link with a journal beside it', link_in_their_folder(package_path),
+                'owner', 'info', THEIRS / NAME, 0, settings=OLD_SETTINGS),
+            row('check through a link to the owner\'s profile', link_in_their_folder(PROFILE),
+                'owner', 'isqob', THEIRS / NAME, CANNOT_OPEN),
+            row('update through a link with a journal beside it',
+                link_in_their_folder(package_path), 'owner', 'update', THEIRS / NAME, 0,
+                arguments=[SOURCES / 'new.xml'], changes={str(package_path): UPDATED}),
+            row('unpacked gift: link and journal', gift(package_path), 'owner', 'info',
+                HOME / 'gift' / NAME, 0, settings=OLD_SETTINGS),
+            row('unpacked gift: link to the profile and journal', gift(PROFILE), 'owner', 'info',
+                HOME / 'gift' / NAME, CANNOT_OPEN),
+        ]
+        self.run_rows(rows)
+
+
+class Staging(Rows):
+    """Whatever is planted under the staging names of a new package is left alone: the
+    create succeeds and the planted thing is as it was."""
+
+    def test_rows(self):
+        partial = STICKY / 'new.qob-partial'
+
+        def plant(make):
+            def setup():
+                make()
+                os.chown(partial, OTHER, OTHER, follow_symlinks=False)
+            return setup
+
+        kinds = (('file', lambda: place(partial, b'theirs\n', OTHER, 0o666)),
+                 ('hard link', lambda: os.link(MINE, partial)),
+                 ('link to the owner\'s profile', lambda: os.symlink(PROFILE, partial)),
+                 ('dangling link', lambda: os.symlink(THEIRS / 'caught', partial)),
+                 ('FIFO', lambda: os.mkfifo(partial, 0o666)))
+        rows = [row(f'{kind} at the staging name{hook}', plant(make), 'owner', 'create',
+                    STICKY / 'new.qob', 0, arguments=[SOURCES / 'raw.iiq', SOURCES / 'old.xml'],
+                    changes={str(STICKY / 'new.qob'): CREATED}, env=env, timeout=20)
+                for kind, make in kinds
+                for hook, env in (('', {}), (' (no unnamed files)', {'QOB_TEST_NO_TMPFILE': '1'}))]
+        self.run_rows(rows)
+
+    def test_staging_name_replanted_in_a_loop(self):
+        for env in ({}, {'QOB_TEST_NO_TMPFILE': '1'}):
+            with self.subTest(env=env):
+                World.reset()
+                target = STICKY / 'new.qob'
+                spot = f'{target}-partial'
+                loop = (f'while [ ! -e {STOP} ]; do ln -sfn {PROFILE} {spot}; rm -f {spot}; '
+                        f': > {spot}; rm -f {spot}; ln {MINE} {spot}; rm -f {spot}; done')
+                with Background(OTHER, loop):
+                    before = snapshot()
+                    for _ in range(4):
+                        made = call(OWNER, 'create', target, SOURCES / 'raw.iiq',
+                                    SOURCES / 'old.xml', env=env, timeout=20)
+                        self.assertEqual(made.code, 0, '\n'.join(made.lines[-8:]))
+                        self.assertEqual(describe(target)[:3][2], OWNER)
+                        self.assertEqual(call(OWNER, 'isqob', target).code, 0)
+                        target.unlink()
+                after = snapshot()
+                for path in (PROFILE, MINE):
+                    self.assertEqual(after[str(path)][:5], before[str(path)][:5])
+                    self.assertEqual(after[str(path)][5][0], before[str(path)][5][0])
+                leftovers = [p for p in os.listdir(STICKY) if p.startswith('.new.qob')]
+                self.assertEqual(leftovers, [])
+
+
+class Background:
+    """A shell loop run by a user until the block ends."""
+
+    def __init__(self, uid, script):
+        self.command = as_user(uid, ['sh', '-c', script])
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, text=True)
+        time.sleep(0.2)
+        return self
+
+    @staticmethod
+    def rounds(least=4, seconds=3):
+        """Turns of the foreground's work: at least `least`, and for `seconds` at least, so
+        that the loop gets to run many times meanwhile."""
+        turn, end = 0, time.monotonic() + seconds
+        while turn < least or time.monotonic() < end:
+            yield turn
+            turn += 1
+
+    def __exit__(self, *exc):
+        STOP.touch()
+        self.output = self.process.communicate(timeout=60)[0]
+        STOP.unlink()
+
+
+class Overlay(Rows):
+    """A genuine journal of a crashed update: the owner who can write the package rolls it
+    back in place; every other reader sees the old state and writes nothing."""
+
+    def test_rows(self):
+        def crashed_in(folder, mode=0o644):
+            return lambda: hot(folder, mode)
+
+        rows = [
+            row('owner rolls back', crashed_in(HOME), 'owner', 'info', HOME / NAME, 0,
+                settings=OLD_SETTINGS, changes=rolled_back(HOME)),
+            row('owner rolls back before an update', crashed_in(HOME), 'owner', 'update',
+                HOME / NAME, 0, arguments=[SOURCES / 'new.xml'],
+                changes={str(HOME / NAME): UPDATED, str(HOME / JOURNAL): GONE}),
+            row('another user reads the old state', crashed_in(HOME), 'other', 'info',
+                HOME / NAME, 0, settings=OLD_SETTINGS),
+            row('another user checks it', crashed_in(HOME), 'other', 'isqob', HOME / NAME, 0),
+            row('another user looks up a profile', crashed_in(HOME), 'other', 'lcc',
+                HOME / NAME, FILE_NOT_IN_PACKAGE, arguments=['nothing']),
+            row('group member reads the owner\'s crash', crashed_in(SHARED, 0o660), 'other',
+                'info', SHARED / NAME, 0, settings=OLD_SETTINGS),
+            row('owner reads its crash in the group folder', crashed_in(SHARED, 0o660), 'owner',
+                'info', SHARED / NAME, 0, settings=OLD_SETTINGS, changes=rolled_back(SHARED)),
+            row('read-only package, another user', crashed_in(HOME, 0o444), 'other', 'info',
+                HOME / NAME, 0, settings=OLD_SETTINGS),
+            row('read-only package, its owner', crashed_in(HOME, 0o444), 'owner', 'info',
+                HOME / NAME, 0, settings=OLD_SETTINGS),
+            row('read-only package, failed update', lambda: package(HOME, mode=0o444), 'owner',
+                'update', HOME / NAME, FAILS, arguments=[SOURCES / 'new.xml']),
+            row('read-only package, failed removal', lambda: package(HOME, mode=0o444), 'owner',
+                'remove', HOME / NAME, FAILS,
+                arguments=['Quillmarsh/Settings1680/raw.iiq.xml']),
+            row('read-only package in a sticky folder, failed update',
+                lambda: package(STICKY, mode=0o444), 'owner', 'update', STICKY / NAME, FAILS,
+                arguments=[SOURCES / 'new.xml']),
+        ]
+        self.run_rows(rows)
+
+
+
+class DamagedJournals(Rows):
+    """The owner's own journals, damaged or stale: a record whose CRC fails is the torn end of
+    the journal when nothing valid of a later batch follows (the records before it are applied),
+    damage otherwise (refused, the journal kept)."""
+
+    def test_rows(self):
+        journal = genuine(BYTES['P0'], BYTES['P1'])
+        data, starts = journal.encode()
+        count = len(journal.regions)
+        torn = count - 1  # the last batch had not reached the package
+
+        def with_journal(content, written=torn, mode=0o644):
+            def setup():
+                place(HOME / NAME, crashed(journal, BYTES['P1'], written), OWNER, mode)
+                place(HOME / JOURNAL, content, OWNER, mode)
+            return setup
+
+        def flipped(index, field):
+            out = bytearray(data)
+            start = starts[index]
+            length = len(journal.regions[index][1])
+            at = {'data': start + 24, 'crc': start + 24 + length, 'length': start + 12}[field]
+            out[at] ^= 0x01 if field == 'length' else 0xFF
+            return bytes(out)
+
+        earlier = genuine(BYTES['P-1'], BYTES['P0'], nonce=0x0BADC0DE)
+        stale = Journal(BYTES['P0'], regions=journal.regions)
+        middle = bytearray(stale.header())
+        for offset, region, batch in journal.regions:
+            nonce = earlier.nonce if batch == 2 else None
+            middle += stale.record(offset, region, batch, nonce)
+        first_only = Journal(BYTES['P0'], regions=journal.regions[:1]).encode()[0]
+        older = earlier.encode()[0]
+        grown = first_only + older[len(first_only):]
+        assert len(grown) > len(first_only)
+
+        damaged = refused(HOME, 'damaged record')
+        back = rolled_back(HOME)
+        rows = [row('intact journal', with_journal(data, written=count), 'owner', 'info',
+                    HOME / NAME, 0, settings=OLD_SETTINGS, changes=back)]
+        for field in ('data', 'crc', 'length'):
+            for index, where in ((0, 'first'), (count // 2, 'middle')):
+                rows.append(row(f'{field} of the {where} record flipped',
+                                with_journal(flipped(index, field)), 'owner', 'info',
+                                HOME / NAME, CANNOT_READ, refused=damaged))
+            rows.append(row(f'{field} of the last record flipped',
+                            with_journal(flipped(count - 1, field)), 'owner', 'info',
+                            HOME / NAME, 0, settings=OLD_SETTINGS, changes=back))
+        mid = starts[-1] + (len(data) - starts[-1]) // 2
+        rows += [
+            row('torn last record', with_journal(data[:mid]), 'owner', 'info', HOME / NAME, 0,
+                settings=OLD_SETTINGS, changes=back),
+            row('record of an earlier journal in the middle', with_journal(bytes(middle)),
+                'owner', 'info', HOME / NAME, CANNOT_READ, refused=damaged),
+            row('grown journal over an older one', with_journal(grown, written=1), 'owner',
+                'info', HOME / NAME, 0, settings=OLD_SETTINGS, changes=back),
+            row('journal of another package',
+                with_journal(genuine(BYTES['Q0'], BYTES['Q1'], 'another.qob').encode()[0]),
+                'owner', 'info', HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'bound to another package')),
+            row('damaged header', with_journal(data[:20] + bytes([data[20] ^ 1]) + data[21:]),
+                'owner', 'info', HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'damaged header')),
+            row('version 1 journal', with_journal(version1(BYTES['P0'])), 'owner', 'info',
+                HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'format version 1 of an older release')),
+            row('overlapping records',
+                with_journal(Journal(BYTES['P0'], regions=[
+                    (100, BYTES['P0'][100:200], 1), (150, BYTES['P0'][150:250], 2)]).encode()[0],
+                    written=0),
+                'owner', 'info', HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'records overlap')),
+            row('record past the original end',
+                with_journal(Journal(BYTES['P0'], regions=[
+                    (len(BYTES['P0']) - 8, b'\0' * 64, 1)]).encode()[0], written=0),
+                'owner', 'info', HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'record outside the package')),
+            row('journal that others may write', with_journal(data, written=count, mode=0o666),
+                'owner', 'info', HOME / NAME, CANNOT_READ,
+                refused=refused(HOME, 'writable by a user who may not write the package')),
+        ]
+        self.run_rows(rows)
+
+
+class Concurrent(unittest.TestCase):
+    """Both users on one path at once: each call is whole, and nothing of one user's work is
+    taken away by the other's."""
+
+    def results(self, output):
+        return [int(line.split()[1]) for line in output.splitlines() if line.startswith('result ')]
+
+    def loop(self, operations):
+        steps = '; '.join(f'{sys.executable} {CHILD} {LIBRARY} {o}' for o in operations)
+        return f'while [ ! -e {STOP} ]; do {steps}; done'
+
+    def test_create_while_the_other_user_reads(self):
+        target = STICKY / 'race.qob'
+        for env in ({}, {'QOB_TEST_NO_TMPFILE': '1'}):
+            with self.subTest(env=env):
+                World.reset()
+                with Background(OTHER, self.loop([f'info {target}'])) as reader:
+                    for _ in reader.rounds():
+                        made = call(OWNER, 'create', target, SOURCES / 'raw.iiq',
+                                    SOURCES / 'old.xml', env=env)
+                        self.assertEqual(made.code, 0, '\n'.join(made.lines[-8:]))
+                        self.assertEqual(call(OWNER, 'info', target).settings, OLD_SETTINGS)
+                        target.unlink()
+                seen = self.results(reader.output)
+                self.assertTrue(seen and set(seen) <= {0, PACKAGE_NOT_FOUND}, seen)
+                self.assertEqual(os.listdir(STICKY), [])
+
+    def test_update_while_the_other_user_reads_and_creates(self):
+        World.reset()
+        target = package(STICKY)
+        with Background(OTHER, self.loop([f'info {target}', f'create {target} '
+                                          f'{SOURCES / "raw.iiq"}'])) as other:
+            for turn in other.rounds():
+                age = ('new', 'old')[turn % 2]
+                done = call(OWNER, 'update', target, SOURCES / f'{age}.xml')
+                self.assertEqual(done.code, 0, '\n'.join(done.lines[-8:]))
+        seen = self.results(other.output)
+        self.assertTrue(seen and set(seen) <= {0, ALREADY_EXISTS}, seen)
+        self.assertEqual(os.listdir(STICKY), [NAME])
+        last = OLD_SETTINGS if age == 'old' else NEW_SETTINGS
+        self.assertEqual(call(OWNER, 'info', target).settings, last)
+        self.assertEqual(describe(target)[2], OWNER)
+
+    def test_a_failed_update_leaves_its_record_and_no_journal(self):
+        World.reset()
+        full = HOME / 'full'
+        full.mkdir()
+        size = len(BYTES['P0']) + 40960
+        self.assertTrue(private_namespace.mount('-t', 'tmpfs', '-o', f'size={size}', 'tmpfs',
+                                                str(full)))
+        try:
+            os.chown(full, OWNER, OWNER)
+            target = place(full / NAME, BYTES['P0'], OWNER, 0o644)
+            filler = full / 'filler'
+            with open(filler, 'wb', buffering=0) as f:  # fill the file system
+                try:
+                    while True:
+                        f.write(bytes(4096))
+                except OSError:
+                    pass
+            os.truncate(filler, filler.stat().st_size - 24576)  # room for a journal, no more
+            big = SOURCES / 'big.xml'
+            big.write_bytes(b'<Settings>' + b'y' * 40000 + b'</Settings>\n')
+            failed = call(OWNER, 'update', target, big)
+            self.assertLess(failed.code, 0)
+            self.assertEqual(failed.args, 'unchanged', '\n'.join(failed.lines[-8:]))
+            self.assertEqual(target.read_bytes(), BYTES['P0'])
+            self.assertEqual(sorted(os.listdir(full)), ['filler', NAME])
+        finally:
+            subprocess.run(['umount', str(full)], check=True)
+
+
+def main():
+    global LIBRARY, CHILD
+    parser = argparse.ArgumentParser()
+    parser.add_argument('--library', required=True)
+    options, rest = parser.parse_known_args()
+    private_namespace.enter()
+    LIBRARY, CHILD = private_namespace.reachable([options.library, str(HERE / 'qob_child.py')])
+    private_namespace.fresh_tmp()
+    os.umask(0o022)
+    World.users()
+    World.build()
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+if __name__ == '__main__':
+    main()
