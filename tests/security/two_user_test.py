@@ -282,6 +282,8 @@ class World:
         for age, size in (('oldest', 900), ('old', 1400), ('new', 2100)):
             texts[age] = (f'<Settings age="{age}">' + 'x' * size + '</Settings>\n').encode()
             (SOURCES / f'{age}.xml').write_bytes(texts[age])
+        # Larger than the space reserved behind the settings: the update moves them.
+        (SOURCES / 'big.xml').write_bytes(b'<Settings>' + b'y' * 40000 + b'</Settings>\n')
         OLD_SETTINGS = hashlib.sha256(texts['old']).hexdigest()[:16]
         NEW_SETTINGS = hashlib.sha256(texts['new']).hexdigest()[:16]
         for name, raw, states in ((NAME, 'raw.iiq', ('P-1', 'P0', 'P1')),
@@ -825,12 +827,25 @@ class Concurrent(unittest.TestCase):
                 self.assertEqual(call(OWNER, 'info', target).settings, last)
                 self.assertEqual(describe(target)[2], OWNER)
 
+    def test_the_journal_of_a_private_package_is_private(self):
+        """While an update of a 0600 package runs, its journal (the old bytes) is no more
+        readable than the package."""
+        World.reset()
+        target = package(STICKY, mode=0o600)
+        journal = STICKY / JOURNAL
+        loop = (f'while [ ! -e {STOP} ]; do if [ -e {journal} ]; then echo seen; '
+                f'cat {journal} > /dev/null 2>&1 && echo read; fi; done')
+        with Background(OTHER, loop) as other:
+            for turn in other.rounds(least=20):
+                age = ('big', 'old')[turn % 2]  # a move journals the package's whole tail
+                self.assertEqual(call(OWNER, 'update', target, SOURCES / f'{age}.xml').code, 0)
+        self.assertNotIn('read', other.output.split())
+
     def test_a_failed_update_leaves_its_record_and_no_journal(self):
         """Disk full at every stage of an update, in place or growing the package: it either
         succeeds, or fails leaving the package, the host's record and the folder as they were."""
         World.reset()
         big = SOURCES / 'big.xml'
-        big.write_bytes(b'<Settings>' + b'y' * 40000 + b'</Settings>\n')
         full = HOME / 'full'
         full.mkdir()
         failures = 0
