@@ -9,6 +9,7 @@ usage: qob_child.py LIBRARY OPERATION PACKAGE [ARGUMENT...]
                      whether the record came back byte-identical
   create RAW [SETTINGS]
   remove ENTRY       QOB_RemoveEntry
+  extract FOLDER     QOB_Extract of every file into FOLDER
 
 Prints "result N" for the operation's call (and "settings SHA", "args unchanged|changed").
 The library keeps its built-in sink, so its log lines go to standard output as well.
@@ -94,6 +95,13 @@ def main(argv):
         entry = records.EntryInfo()
         report('result', lib.QOB_GetLensCastCalibInfo(package, os.fsencode(rest[0]),
                                                       ctypes.byref(entry)))
+    elif operation == 'extract':
+        args = records.ExtractArgs()
+        lib.QOB_Constructor(ctypes.byref(args), records.OBJECT_EXTRACT_ARGS)
+        args.szPackagePath = package
+        args.szDestination = os.fsencode(rest[0])
+        args.eMode = records.EXTRACT_ALL
+        report('result', lib.QOB_Extract(ctypes.byref(args)))
     elif operation == 'remove':
         report('result', lib.QOB_RemoveEntry(package, os.fsencode(rest[0])))
     elif operation == 'create':

@@ -233,9 +233,10 @@ def snapshot():
 
 
 # Expected changes: a path -> GONE, a key of BYTES (the file's new content, owner and mode as
-# before), UPDATED (a package that now holds the new settings, owner and mode as before), or
-# CREATED (a new regular file of the owner that nobody else may write).
-GONE, CREATED, UPDATED = 'gone', 'created', 'updated'
+# before), UPDATED (a package that now holds the new settings, owner and mode as before),
+# CREATED (a new regular file of the owner that nobody else may write), or EXTRACTED (a new
+# folder of the other user's, with anything of theirs in it, the old settings among them).
+GONE, CREATED, UPDATED, EXTRACTED = 'gone', 'created', 'updated', 'extracted'
 
 
 def digest_of(name):
@@ -385,7 +386,14 @@ class Rows(unittest.TestCase):
         for path in sorted(set(before) | set(after)):
             want = changes.get(str(path), 'same')
             got = after.get(path)
-            if want == 'same':
+            if any(path.startswith(f'{k}/') for k, v in changes.items() if v == EXTRACTED):
+                self.assertEqual(got[2], OTHER, f'{path}: not the other user\'s')
+            elif want == EXTRACTED:  # and it holds the settings as they were
+                self.assertEqual((got[0], got[2]), (stat.S_IFDIR, OTHER), path)
+                contents = [v[5][0][:16] for k, v in after.items()
+                            if k.startswith(f'{path}/') and v[0] == stat.S_IFREG]
+                self.assertIn(OLD_SETTINGS, contents)
+            elif want == 'same':
                 self.assertEqual(got, before.get(path), f'{path} changed')
             elif want == GONE:
                 self.assertIsNone(got, f'{path} should be gone')
@@ -674,6 +682,8 @@ class Overlay(Rows):
             row('another user reads the old state', crashed_in(HOME), 'other', 'info',
                 HOME / NAME, 0, settings=OLD_SETTINGS),
             row('another user checks it', crashed_in(HOME), 'other', 'isqob', HOME / NAME, 0),
+            row('another user extracts it', crashed_in(HOME), 'other', 'extract', HOME / NAME,
+                0, arguments=[THEIRS / 'out'], changes={str(THEIRS / 'out'): EXTRACTED}),
             row('another user looks up a profile', crashed_in(HOME), 'other', 'lcc',
                 HOME / NAME, FILE_NOT_IN_PACKAGE, arguments=['nothing']),
             row('group member reads the owner\'s crash', crashed_in(SHARED), 'other',
