@@ -13,6 +13,7 @@ usage: two_user_test.py --library PATH [unittest arguments]
 Exits 77 (skipped) when it is not root or may not make a mount namespace.
 """
 import argparse
+import ctypes
 import hashlib
 import os
 import pathlib
@@ -609,6 +610,22 @@ class Staging(Rows):
                 for hook, env in (('', {}), (' (no unnamed files)', {'QOB_TEST_NO_TMPFILE': '1'}))]
         self.run_rows(rows)
 
+    def test_staging_names(self):
+        """A new package is an unnamed file given its name at the end; without unnamed files
+        (the test hook), a fresh random name beside it, renamed."""
+        for env, staged in (({}, 0), ({'QOB_TEST_NO_TMPFILE': '1'}, 1)):
+            with self.subTest(env=env):
+                World.reset()
+                with Created(STICKY) as made:
+                    done = call(OWNER, 'create', STICKY / 'new.qob', SOURCES / 'raw.iiq',
+                                SOURCES / 'old.xml', env=env)
+                self.assertEqual(done.code, 0)
+                others = [n for n in made.names if n != 'new.qob']
+                self.assertEqual(len(others), staged, made.names)
+                for name in others:
+                    self.assertRegex(name, r'^\.new\.qob\.\w+\.partial$')
+                self.assertEqual(os.listdir(STICKY), ['new.qob'])
+
     def test_staging_name_replanted_in_a_loop(self):
         for env in ({}, {'QOB_TEST_NO_TMPFILE': '1'}):
             with self.subTest(env=env):
@@ -632,6 +649,37 @@ class Staging(Rows):
                     self.assertEqual(after[str(path)][5][0], before[str(path)][5][0])
                 leftovers = [p for p in os.listdir(STICKY) if p.startswith('.new.qob')]
                 self.assertEqual(leftovers, [])
+
+
+class Created:
+    """The names made in a folder (created, linked or renamed into it) while the block runs,
+    through inotify."""
+
+    IN_MOVED_TO, IN_CREATE = 0x80, 0x100
+
+    def __init__(self, folder):
+        self.folder = folder
+
+    def __enter__(self):
+        libc = ctypes.CDLL(None, use_errno=True)
+        self.fd = libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
+        if self.fd < 0 or libc.inotify_add_watch(self.fd, bytes(self.folder),
+                                                  self.IN_CREATE | self.IN_MOVED_TO) < 0:
+            raise OSError(ctypes.get_errno(), 'inotify')
+        return self
+
+    def __exit__(self, *exc):
+        self.names = []
+        try:
+            data = os.read(self.fd, 1 << 16)
+        except BlockingIOError:
+            data = b''
+        finally:
+            os.close(self.fd)
+        while data:
+            size = struct.unpack_from('iIII', data)[3]
+            self.names.append(data[16:16 + size].rstrip(b'\0').decode())
+            data = data[16 + size:]
 
 
 class Background:
