@@ -13,339 +13,28 @@ usage: two_user_test.py --library PATH [unittest arguments]
 Exits 77 (skipped) when it is not root or may not make a mount namespace.
 """
 import argparse
-import ctypes
-import hashlib
 import os
 import pathlib
-import random
 import shutil
 import stat
 import struct
 import subprocess
 import sys
 import tarfile
-import time
 import unittest
 import zlib
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / 'common'))
 import private_namespace  # noqa: E402
-
-LIBRARY = CHILD = None
-OWNER, OTHER, SHARE = 1001, 1002, 1100  # replaced by free ids when these are taken
-
-TOP = pathlib.Path('/tmp/q')
-SOURCES = TOP / 'sources'   # root's: the files packages are made of, and reference copies
-HOME = TOP / 'owner'        # the owner's own folder (0755)
-THEIRS = TOP / 'other'      # the other user's own folder (0755)
-STICKY = TOP / 'sticky'     # world-writable, sticky, like /tmp
-SHARED = TOP / 'group'      # group folder (2770) of both users
-STOP = pathlib.Path('/tmp/stop-background')
-NAME = 'pkg.qob'
-JOURNAL = NAME + '-journal'
-PROFILE = HOME / 'profile'
-MINE = THEIRS / 'mine'
-
-# What a reader sees of the settings; filled by World.build.
-OLD_SETTINGS = NEW_SETTINGS = None
-BYTES = {}  # 'P0', 'P1', ... reference states of the package
-
-CANNOT_OPEN, CANNOT_READ, ALREADY_EXISTS, PACKAGE_NOT_FOUND = -9, -10, -14, -8
-FILE_NOT_IN_PACKAGE = -2
-FAILS = 'fails'  # any failure: the code is the one the failing step has
-
-
-# --- The journal's layout (little-endian; CRC-32 as zlib computes it) ---------------------
-
-MAGIC = b'QOBJRNL\0'
-RECORD, CLOSING = 0x44524352, 0x454E4F44
-HEADER_SIZE = 48
-
-
-def crc(*parts):
-    value = 0
-    for part in parts:
-        value = zlib.crc32(part, value)
-    return value
-
-
-class Journal:
-    """A version-2 journal: the package's original bytes of each region the change overwrites
-    (offset, data, batch), bound to one package by its name, the CRC of its original end and
-    a nonce that every record's CRC covers."""
-
-    def __init__(self, original, name=NAME, nonce=0x1122334455667788, regions=(), done=None,
-                 original_length=None):
-        self.original, self.name, self.nonce = original, name, nonce
-        self.regions = list(regions)
-        self.done = done  # (new length, batch) of a closing record
-        self.original_length = len(original) if original_length is None else original_length
-
-    def header(self):
-        body = MAGIC + struct.pack('<IIQQIII', 2, HEADER_SIZE, self.original_length, self.nonce,
-                                   crc(self.original[-22:]), crc(self.name.encode()), 0)
-        return body + struct.pack('<I', crc(body))
-
-    def record(self, offset, data, batch, nonce=None):
-        head = struct.pack('<IQQI', RECORD, offset, len(data), batch)
-        seed = struct.pack('<Q', self.nonce if nonce is None else nonce)
-        return head + data + struct.pack('<I', crc(seed, head, data))
-
-    def closing(self, length, batch):
-        body = struct.pack('<IQI', CLOSING, length, batch)
-        return body + struct.pack('<I', crc(struct.pack('<Q', self.nonce), body))
-
-    def encode(self):
-        """The journal's bytes and where each record starts."""
-        out, starts = bytearray(self.header()), []
-        for offset, data, batch in self.regions:
-            starts.append(len(out))
-            out += self.record(offset, data, batch)
-        if self.done:
-            out += self.closing(*self.done)
-        return bytes(out), starts
-
-
-def version1(original):
-    """The older release's journal: a 32-byte header and records without nonce or batch."""
-    body = MAGIC + struct.pack('<IIQI', 1, 32, len(original), 0)
-    head = struct.pack('<IQQ', RECORD, 0, 64)
-    data = original[:64]
-    return body + struct.pack('<I', crc(body)) + head + data + struct.pack('<I', crc(head, data))
-
-
-def changed_regions(before, after, at_least=3):
-    """The regions an in-place change from before to after overwrites, as (offset, length):
-    runs of differing bytes, close ones merged, the largest split until there are enough."""
-    regions, start, last = [], None, None
-    for i in range(min(len(before), len(after))):
-        if before[i] != after[i]:
-            if start is not None and i - last > 16:
-                regions.append((start, last + 1 - start))
-                start = None
-            if start is None:
-                start = i
-            last = i
-    if start is not None:
-        regions.append((start, last + 1 - start))
-    while len(regions) < at_least:
-        big = max(regions, key=lambda r: r[1])
-        half = big[1] // 2
-        regions[regions.index(big)] = (big[0], half)
-        regions.append((big[0] + half, big[1] - half))
-        regions.sort()
-    return regions
-
-
-def genuine(before, after, name=NAME, nonce=0x1122334455667788):
-    """The journal of the change from before to after, one sync batch per region, and the
-    package as a crash leaves it after `written` batches reached it."""
-    regions = [(offset, before[offset:offset + length], batch)
-               for batch, (offset, length) in enumerate(changed_regions(before, after), 1)]
-    return Journal(before, name, nonce, regions)
-
-
-def crashed(journal, after, written=None):
-    """The package once the batches up to `written` (all by default) were written. Laying the
-    journal's records of those batches back over it gives the original: the rows that expect
-    a rollback rest on that."""
-    last = len(journal.regions) if written is None else written
-    out = bytearray(journal.original) + bytearray(after[len(journal.original):])
-    for offset, data, batch in journal.regions:
-        if batch <= last:
-            out[offset:offset + len(data)] = after[offset:offset + len(data)]
-    back = bytearray(out)
-    for offset, data, batch in journal.regions:
-        if batch <= last:
-            back[offset:offset + len(data)] = data
-    assert back[:len(journal.original)] == journal.original
-    return bytes(out)
-
-
-# --- Users, files and calls -----------------------------------------------------------------
-
-def as_user(uid, command):
-    return ['setpriv', f'--reuid={uid}', f'--regid={uid}', '--init-groups'] + command
-
-
-class Call:
-    def __init__(self, output):
-        self.lines = output.splitlines()
-        results = [int(line.split()[1]) for line in self.lines if line.startswith('result ')]
-        self.code = results[-1] if results else None
-        self.settings = next((line.split()[1] for line in self.lines
-                              if line.startswith('settings ')), None)
-        self.args = next((line.split()[1] for line in self.lines if line.startswith('args ')),
-                         None)
-
-    def says(self, text):
-        """Whether the failure's message (raised and reported by the frame) holds text."""
-        raised = any('Exception: ' in line and text in line for line in self.lines)
-        reported = any(line.startswith('[QOB][ERROR] QOB_') and '] ' in line and text in line
-                       for line in self.lines)
-        return raised and reported
-
-
-def call(uid, operation, package, *arguments, env=None, timeout=60):
-    command = [sys.executable, CHILD, LIBRARY, operation, str(package), *map(str, arguments)]
-    done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
-                          text=True, timeout=timeout, env=dict(os.environ, **(env or {})))
-    return Call(done.stdout + done.stderr)
-
-
-def place(path, content, uid, mode, gid=None):
-    path = pathlib.Path(path)
-    path.write_bytes(content)
-    os.chown(path, uid, uid if gid is None else gid)
-    path.chmod(mode)
-    return path
-
-
-def link(path, target, uid):
-    os.symlink(target, path)
-    os.chown(path, uid, uid, follow_symlinks=False)
-
-
-def describe(path):
-    """Type, mode, owner, links and content (digest) of a path, not following links."""
-    status = os.lstat(path)
-    kind = stat.S_IFMT(status.st_mode)
-    content = None
-    if stat.S_ISREG(status.st_mode):
-        digest = hashlib.sha256()
-        with open(path, 'rb') as f:
-            for block in iter(lambda: f.read(1 << 20), b''):
-                digest.update(block)
-        content = (digest.hexdigest(), status.st_mtime_ns)
-    elif stat.S_ISLNK(status.st_mode):
-        content = os.readlink(path)
-    nlink = status.st_nlink if not stat.S_ISDIR(status.st_mode) else None
-    return (kind, stat.S_IMODE(status.st_mode), status.st_uid, status.st_gid, nlink, content)
-
-
-def snapshot():
-    found = {}
-    for folder, folders, files in os.walk(TOP):
-        for name in folders + files:
-            path = os.path.join(folder, name)
-            found[path] = describe(path)
-    return found
-
-
-# Expected changes: a path -> GONE, a key of BYTES (the file's new content, owner and mode as
-# before), UPDATED (a package that now holds the new settings, owner and mode as before),
-# CREATED (a new regular file of the owner that nobody else may write), or EXTRACTED (a new
-# folder of the other user's, with anything of theirs in it, the old settings among them).
-GONE, CREATED, UPDATED, EXTRACTED = 'gone', 'created', 'updated', 'extracted'
-
-
-def digest_of(name):
-    return hashlib.sha256(BYTES[name]).hexdigest()
-
-
-# --- The world each row starts from ---------------------------------------------------------
-
-class World:
-    @staticmethod
-    def users():
-        """Two users and their group, in passwd and group files of this namespace only."""
-        global OWNER, OTHER, SHARE
-        passwd = pathlib.Path('/etc/passwd').read_text()
-        group = pathlib.Path('/etc/group').read_text()
-        taken = {int(line.split(':')[2]) for text in (passwd, group)
-                 for line in text.splitlines() if line.count(':') >= 3}
-        OWNER, OTHER, SHARE = (next(i for i in range(start, start + 500) if i not in taken)
-                               for start in (OWNER, OTHER, SHARE))
-        edited = pathlib.Path('/tmp/etc')
-        edited.mkdir(mode=0o755)
-        (edited / 'passwd').write_text(
-            passwd.rstrip('\n') + f'\nqobowner:x:{OWNER}:{OWNER}::{HOME}:/bin/sh\n'
-            f'qobother:x:{OTHER}:{OTHER}::{THEIRS}:/bin/sh\n')
-        (edited / 'group').write_text(
-            group.rstrip('\n') + f'\nqobowner:x:{OWNER}:\nqobother:x:{OTHER}:\n'
-            f'qobshare:x:{SHARE}:qobowner,qobother\n')
-        for name in ('passwd', 'group'):
-            (edited / name).chmod(0o644)
-            if not private_namespace.mount('--bind', str(edited / name), f'/etc/{name}'):
-                private_namespace.skip('may not bind passwd and group files here')
-
-    @staticmethod
-    def build():
-        """Three states of one package (each an in-place update of the settings), and a second
-        package, all made by the library itself."""
-        global OLD_SETTINGS, NEW_SETTINGS
-        TOP.mkdir(mode=0o755)
-        SOURCES.mkdir(mode=0o755)
-        rng = random.Random(18)
-        (SOURCES / 'raw.iiq').write_bytes(rng.randbytes(150000))
-        (SOURCES / 'other.iiq').write_bytes(rng.randbytes(90000))
-        texts = {}
-        for age, size in (('oldest', 900), ('old', 1400), ('new', 2100)):
-            texts[age] = (f'<Settings age="{age}">' + 'x' * size + '</Settings>\n').encode()
-            (SOURCES / f'{age}.xml').write_bytes(texts[age])
-        # Larger than the space reserved behind the settings: the update moves them.
-        (SOURCES / 'big.xml').write_bytes(b'<Settings>' + b'y' * 40000 + b'</Settings>\n')
-        OLD_SETTINGS = hashlib.sha256(texts['old']).hexdigest()[:16]
-        NEW_SETTINGS = hashlib.sha256(texts['new']).hexdigest()[:16]
-        for name, raw, states in ((NAME, 'raw.iiq', ('P-1', 'P0', 'P1')),
-                                  ('another.qob', 'other.iiq', (None, 'Q0', 'Q1'))):
-            work = SOURCES / name
-            made = call(0, 'create', work, SOURCES / raw, SOURCES / 'oldest.xml')
-            assert made.code == 0, made.lines
-            for state, age in zip(states, ('oldest', 'old', 'new')):
-                if age != 'oldest':
-                    assert call(0, 'update', work, SOURCES / f'{age}.xml').code == 0
-                if state:
-                    BYTES[state] = work.read_bytes()
-            work.unlink()
-        assert len(BYTES['P0']) == len(BYTES['P1']), 'the settings update should be in place'
-
-    @staticmethod
-    def reset():
-        for folder in (HOME, THEIRS, STICKY, SHARED):
-            if folder.exists():
-                shutil.rmtree(folder)
-        for folder, uid, gid, mode in ((HOME, OWNER, OWNER, 0o755), (THEIRS, OTHER, OTHER, 0o755),
-                                       (STICKY, 0, 0, 0o1777), (SHARED, 0, SHARE, 0o2770)):
-            folder.mkdir()
-            os.chown(folder, uid, gid)
-            folder.chmod(mode)
-        place(PROFILE, b'# the owner\'s shell profile\nexport PATH=$HOME/bin:$PATH\n' * 2,
-              OWNER, 0o644)
-        place(MINE, b'a file of the other user\n', OTHER, 0o644)
-        if STOP.exists():
-            STOP.unlink()
-
-
-def package(folder, state='P0', mode=None, gid=None):
-    """The owner's package in folder; in the group folder the group may write it."""
-    gid = SHARE if folder == SHARED else OWNER if gid is None else gid
-    mode = mode or (0o660 if folder == SHARED else 0o644)
-    return place(folder / NAME, BYTES[state], OWNER, mode, gid)
-
-
-def hot(folder, mode):
-    """The owner's package in folder as a crashed settings update left it, with its journal
-    (mode, owner and group as the package's)."""
-    journal = genuine(BYTES['P0'], BYTES['P1'])
-    gid = SHARE if folder == SHARED else OWNER
-    place(folder / NAME, crashed(journal, BYTES['P1']), OWNER, mode, gid)
-    place(folder / JOURNAL, journal.encode()[0], OWNER, mode, gid)
-
-
-def hostile(folder, target=None):
-    """A journal whose every check but its owner's holds, that would write 'EVIL' into the
-    start of target (the package beside it by default)."""
-    original = (target or folder / NAME).read_bytes()
-    name = (target or folder / NAME).name
-    return Journal(original, name, 7, [(0, b'EVIL' * 16, 1)])
-
-
-def planted(folder, data, mode=0o644, gid=None):
-    """A journal the other user put beside the package."""
-    return place(folder / JOURNAL, data, OTHER, mode, gid)
-
+import world  # noqa: E402
+from journal_files import RECORD, Journal, crashed, crc, genuine, version1  # noqa: E402
+from world import (  # noqa: E402
+    ALREADY_EXISTS, BYTES, CANNOT_OPEN, CANNOT_READ, CREATED, EXTRACTED, FAILS,
+    FILE_NOT_IN_PACKAGE, GONE, HOME, JOURNAL, MINE, NAME, NEW_SETTINGS, OLD_SETTINGS, OTHER,
+    OWNER, PACKAGE_NOT_FOUND, PROFILE, SHARE, SHARED, SOURCES, STICKY, STOP, THEIRS, UPDATED,
+    Background, Created, World, as_user, call, configure, describe, digest_of, hostile, hot,
+    link, package, place, planted, snapshot)
 
 # --- Rows ----------------------------------------------------------------------------------
 
@@ -651,68 +340,6 @@ class Staging(Rows):
                 self.assertEqual(leftovers, [])
 
 
-class Created:
-    """The names made in a folder (created, linked or renamed into it) while the block runs,
-    through inotify."""
-
-    IN_MOVED_TO, IN_CREATE = 0x80, 0x100
-
-    def __init__(self, folder):
-        self.folder = folder
-
-    def __enter__(self):
-        libc = ctypes.CDLL(None, use_errno=True)
-        self.fd = libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
-        if self.fd < 0 or libc.inotify_add_watch(self.fd, bytes(self.folder),
-                                                  self.IN_CREATE | self.IN_MOVED_TO) < 0:
-            raise OSError(ctypes.get_errno(), 'inotify')
-        return self
-
-    def __exit__(self, *exc):
-        self.names = []
-        try:
-            data = os.read(self.fd, 1 << 16)
-        except BlockingIOError:
-            data = b''
-        finally:
-            os.close(self.fd)
-        while data:
-            size = struct.unpack_from('iIII', data)[3]
-            self.names.append(data[16:16 + size].rstrip(b'\0').decode())
-            data = data[16 + size:]
-
-
-class Background:
-    """A shell loop run by a user until the block ends. Its output goes to a file: a full pipe
-    would stop it in the middle of a call, holding the package's lock."""
-
-    def __init__(self, uid, script):
-        self.command = as_user(uid, ['sh', '-c', script])
-
-    def __enter__(self):
-        self.log = open('/tmp/background.log', 'w+')
-        self.process = subprocess.Popen(self.command, stdout=self.log, stderr=subprocess.STDOUT)
-        time.sleep(0.2)
-        return self
-
-    @staticmethod
-    def rounds(least=4, seconds=3):
-        """Turns of the foreground's work: at least `least`, and for `seconds` at least, so
-        that the loop gets to run many times meanwhile."""
-        turn, end = 0, time.monotonic() + seconds
-        while turn < least or time.monotonic() < end:
-            yield turn
-            turn += 1
-
-    def __exit__(self, *exc):
-        STOP.touch()
-        self.process.wait(timeout=60)
-        STOP.unlink()
-        self.log.seek(0)
-        self.output = self.log.read()
-        self.log.close()
-
-
 class Overlay(Rows):
     """A genuine journal of a crashed update: the owner who can write the package rolls it
     back in place; every other reader sees the old state and writes nothing."""
@@ -847,7 +474,7 @@ class Concurrent(unittest.TestCase):
         return [int(line.split()[1]) for line in output.splitlines() if line.startswith('result ')]
 
     def loop(self, operations):
-        steps = '; '.join(f'{sys.executable} {CHILD} {LIBRARY} {o}' for o in operations)
+        steps = '; '.join(f'{sys.executable} {world.CHILD} {world.LIBRARY} {o}' for o in operations)
         return f'while [ ! -e {STOP} ]; do {steps}; done'
 
     def test_create_while_the_other_user_reads(self):
@@ -938,12 +565,11 @@ class Concurrent(unittest.TestCase):
 
 
 def main():
-    global LIBRARY, CHILD
     parser = argparse.ArgumentParser()
     parser.add_argument('--library', required=True)
     options, rest = parser.parse_known_args()
     private_namespace.enter()
-    LIBRARY, CHILD = private_namespace.reachable([options.library, str(HERE / 'qob_child.py')])
+    configure(*private_namespace.reachable([options.library, str(HERE / 'qob_child.py')]))
     private_namespace.fresh_tmp()
     os.umask(0o022)
     World.users()
