@@ -9,7 +9,7 @@ alone bypasses permissions and would hide failures. Every call is a fresh proces
 over the shared library). Every row compares all files of the test's tree, byte for byte with
 owner and mode, before and after the call, apart from the changes the row expects.
 
-usage: two_user_test.py --library PATH [unittest arguments]
+usage: two_user_test.py --library PATH --tool PATH [unittest arguments]
 Exits 77 (skipped) when it is not root or may not make a mount namespace.
 """
 import argparse
@@ -270,6 +270,11 @@ class LinksAndGifts(Rows):
                 HOME / 'gift' / NAME, 0, settings=OLD_SETTINGS),
             row('unpacked gift: link to the profile and journal', gift(PROFILE), 'owner', 'info',
                 HOME / 'gift' / NAME, CANNOT_OPEN),
+            row('tool: info through a link with a journal beside it',
+                link_in_their_folder(package_path), 'owner', 'tool', THEIRS / NAME, 0,
+                arguments=['info']),
+            row('tool: check of an unpacked link to the profile', gift(PROFILE), 'owner', 'tool',
+                HOME / 'gift' / NAME, 3, arguments=['check']),
         ]
         self.run_rows(rows)
 
@@ -297,6 +302,19 @@ class Staging(Rows):
                     changes={str(STICKY / 'new.qob'): CREATED}, env=env, timeout=20)
                 for kind, make in kinds
                 for hook, env in (('', {}), (' (no unnamed files)', {'QOB_TEST_NO_TMPFILE': '1'}))]
+
+        def link_at_the_package_path(folder):
+            return lambda: link(folder / 'new.qob', HOME / 'made-through-the-link', OTHER)
+
+        # The path exists (a link the other user planted): the create fails, and neither the
+        # library nor the tool removes the link or writes through it.
+        for folder in (STICKY, SHARED):
+            rows += [row(f'create over a dangling link in the {folder.name} folder',
+                         link_at_the_package_path(folder), 'owner', 'create', folder / 'new.qob',
+                         ALREADY_EXISTS, arguments=[SOURCES / 'raw.iiq']),
+                     row(f'tool: create over a dangling link in the {folder.name} folder',
+                         link_at_the_package_path(folder), 'owner', 'tool', folder / 'new.qob',
+                         1, arguments=['create', '--raw', SOURCES / 'raw.iiq'])]
         self.run_rows(rows)
 
     def test_staging_names(self):
@@ -567,9 +585,11 @@ class Concurrent(unittest.TestCase):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('--library', required=True)
+    parser.add_argument('--tool', required=True)
     options, rest = parser.parse_known_args()
     private_namespace.enter()
-    configure(*private_namespace.reachable([options.library, str(HERE / 'qob_child.py')]))
+    configure(*private_namespace.reachable([options.library, str(HERE / 'qob_child.py'),
+                                            options.tool]))
     private_namespace.fresh_tmp()
     os.umask(0o022)
     World.users()

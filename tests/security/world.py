@@ -26,7 +26,7 @@ def free_ids():
 
 
 OWNER, OTHER, SHARE = free_ids()
-LIBRARY = CHILD = None  # set by configure()
+LIBRARY = CHILD = TOOL = None  # set by configure()
 
 TOP = pathlib.Path('/tmp/q')
 SOURCES = TOP / 'sources'   # root's: the files packages are made of, and reference copies
@@ -52,9 +52,11 @@ FILE_NOT_IN_PACKAGE = -2
 FAILS = 'fails'  # any failure: the code is the one the failing step has
 
 
-def configure(library, child):
-    global LIBRARY, CHILD
-    LIBRARY, CHILD = library, child
+def configure(library, child, tool):
+    global LIBRARY, CHILD, TOOL
+    LIBRARY, CHILD, TOOL = library, child, tool
+    # The tool finds the library where it was built, unless that moved.
+    os.environ['LD_LIBRARY_PATH'] = os.path.dirname(library)
 
 
 
@@ -81,10 +83,16 @@ class Call:
 
 
 def call(uid, operation, package, *arguments, env=None, timeout=60):
-    command = [sys.executable, CHILD, LIBRARY, operation, str(package), *map(str, arguments)]
+    """One library call, or with operation 'tool' one command of the tool (its exit status
+    is the result)."""
+    if operation == 'tool':
+        command = [TOOL, arguments[0], str(package), *map(str, arguments[1:])]
+    else:
+        command = [sys.executable, CHILD, LIBRARY, operation, str(package), *map(str, arguments)]
     done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
                           text=True, timeout=timeout, env=dict(os.environ, **(env or {})))
-    return Call(done.stdout + done.stderr)
+    output = done.stdout + done.stderr
+    return Call(output + f'\nresult {done.returncode}' if operation == 'tool' else output)
 
 
 def place(path, content, uid, mode, gid=None):
