@@ -11,7 +11,8 @@ usage: qob_child.py LIBRARY OPERATION PACKAGE [ARGUMENT...]
   remove ENTRY       QOB_RemoveEntry
   extract FOLDER     QOB_Extract of every file into FOLDER
 
-Prints "result N" for the operation's call (and "settings SHA", "args unchanged|changed").
+Prints "result N" for the operation's call (and "settings SHA", "args unchanged|changed"), and
+last "read N", the bytes the process read in all.
 The library keeps its built-in sink, so its log lines go to standard output as well.
 """
 import ctypes
@@ -131,5 +132,11 @@ def main(argv):
         sys.exit(f'unknown operation {operation}')
 
 
+def bytes_read():
+    with open('/proc/self/io') as io:
+        return next(int(line.split()[1]) for line in io if line.startswith('rchar:'))
+
+
 if __name__ == '__main__':
     main(sys.argv)
+    report('read', bytes_read())

@@ -73,6 +73,8 @@ class Call:
                               if line.startswith('settings ')), None)
         self.args = next((line.split()[1] for line in self.lines if line.startswith('args ')),
                          None)
+        self.read = next((int(line.split()[1]) for line in self.lines
+                          if line.startswith('read ')), None)
 
     def says(self, text):
         """Whether the failure's message (raised and reported by the frame) holds text."""
