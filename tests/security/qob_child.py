@@ -64,6 +64,8 @@ def from_file(entry, path, reserve):
 def settings_digest(lib, package, info):
     """The settings as this reader sees them, through a read into a buffer."""
     entry = info.files.settings
+    if not entry.szPath:
+        return 'none'
     size = max(entry.uStoredSize, 1)
     buffer = ctypes.create_string_buffer(size)
     args = records.ExtractArgs()

@@ -32,9 +32,9 @@ from journal_files import RECORD, Journal, crashed, crc, genuine, version1  # no
 from world import (  # noqa: E402
     ALREADY_EXISTS, BYTES, CANNOT_OPEN, CANNOT_READ, CREATED, EXTRACTED, FAILS,
     FILE_NOT_IN_PACKAGE, GONE, HOME, JOURNAL, MINE, NAME, NEW_SETTINGS, OLD_SETTINGS, OTHER,
-    OWNER, PACKAGE_NOT_FOUND, PROFILE, SHARE, SHARED, SOURCES, STICKY, STOP, THEIRS, UPDATED,
-    Background, Created, World, as_user, call, configure, describe, digest_of, hostile, hot,
-    link, package, place, planted, snapshot)
+    OWNER, PACKAGE_NOT_FOUND, PROFILE, SETTINGS_ENTRY, SHARE, SHARED, SOURCES, STICKY, STOP,
+    THEIRS, UPDATED, Background, Created, World, as_user, call, committed, configure, describe,
+    digest_of, hostile, hot, link, package, place, planted, snapshot)
 
 # --- Rows ----------------------------------------------------------------------------------
 
@@ -377,6 +377,11 @@ class Overlay(Rows):
             row('another user reads the old state', crashed_in(HOME), 'other', 'info',
                 HOME / NAME, 0, settings=OLD_SETTINGS),
             row('another user checks it', crashed_in(HOME), 'other', 'isqob', HOME / NAME, 0),
+            row('owner completes a committed removal', lambda: committed(HOME), 'owner', 'info',
+                HOME / NAME, 0, settings='none',
+                changes={str(HOME / NAME): 'S1', str(HOME / JOURNAL): GONE}),
+            row('another user reads a committed removal', lambda: committed(HOME), 'other',
+                'info', HOME / NAME, 0, settings='none'),
             row('another user extracts it', crashed_in(HOME), 'other', 'extract', HOME / NAME,
                 0, arguments=[THEIRS / 'out'], changes={str(THEIRS / 'out'): EXTRACTED}),
             row('another user looks up a profile', crashed_in(HOME), 'other', 'lcc',
@@ -393,7 +398,7 @@ class Overlay(Rows):
                 'update', HOME / NAME, FAILS, arguments=[SOURCES / 'new.xml']),
             row('read-only package, failed removal', lambda: package(HOME, mode=0o444), 'owner',
                 'remove', HOME / NAME, FAILS,
-                arguments=['Quillmarsh/Settings1680/raw.iiq.xml']),
+                arguments=[SETTINGS_ENTRY]),
             row('read-only package in a sticky folder, failed update',
                 lambda: package(STICKY, mode=0o444), 'owner', 'update', STICKY / NAME, FAILS,
                 arguments=[SOURCES / 'new.xml']),

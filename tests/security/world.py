@@ -37,6 +37,7 @@ SHARED = TOP / 'group'      # group folder (2770) of both users
 STOP = pathlib.Path('/tmp/stop-background')
 NAME = PACKAGE
 JOURNAL = NAME + '-journal'
+SETTINGS_ENTRY = 'Quillmarsh/Settings1680/raw.iiq.xml'
 PROFILE = HOME / 'profile'
 MINE = THEIRS / 'mine'
 
@@ -170,8 +171,8 @@ class World:
 
     @staticmethod
     def build():
-        """Three states of one package (each an in-place update of the settings), and a second
-        package, all made by the library itself."""
+        """Three states of one package (each an in-place update of the settings), the same
+        without its settings, and a second package, all made by the library itself."""
         TOP.mkdir(mode=0o755)
         SOURCES.mkdir(mode=0o755)
         rng = random.Random(18)
@@ -193,6 +194,10 @@ class World:
                     BYTES[state] = work.read_bytes()
             work.unlink()
         assert len(BYTES['P0']) == len(BYTES['P1']), 'the settings update should be in place'
+        work = place(SOURCES / NAME, BYTES['P0'], 0, 0o644)
+        assert call(0, 'remove', work, SETTINGS_ENTRY).code == 0
+        BYTES['S1'] = work.read_bytes()  # P0 without its settings: shorter
+        work.unlink()
 
     @staticmethod
     def reset():
@@ -225,6 +230,15 @@ def hot(folder, mode):
     gid = SHARE if folder == SHARED else OWNER
     place(folder / NAME, crashed(journal, BYTES['P1']), OWNER, mode, gid)
     place(folder / JOURNAL, journal.encode()[0], OWNER, mode, gid)
+
+
+def committed(folder):
+    """The owner's package in folder as a removal of its settings left it when it had made its
+    closing record durable but not yet cut the package."""
+    journal = genuine(BYTES['P0'], BYTES['S1'])
+    journal.done = (len(BYTES['S1']), len(journal.regions) + 1)
+    place(folder / NAME, crashed(journal, BYTES['S1']), OWNER, 0o644)
+    place(folder / JOURNAL, journal.encode()[0], OWNER, 0o644)
 
 
 def hostile(folder, target=None):
