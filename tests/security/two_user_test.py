@@ -55,7 +55,7 @@ class Rows(unittest.TestCase):
                 World.reset()
                 r['setup']()
                 before = snapshot()
-                who = {'owner': OWNER, 'other': OTHER}[r['who']]
+                who = {'owner': OWNER, 'other': OTHER, 'root': 0}[r['who']]
                 result = call(who, r['operation'], r['path'], *r['arguments'], env=r['env'],
                               timeout=r['timeout'])
                 context = '\n'.join(result.lines[-12:])
@@ -377,6 +377,8 @@ class Overlay(Rows):
             row('another user reads the old state', crashed_in(HOME), 'other', 'info',
                 HOME / NAME, 0, settings=OLD_SETTINGS),
             row('another user checks it', crashed_in(HOME), 'other', 'isqob', HOME / NAME, 0),
+            row('root reads the old state', crashed_in(HOME), 'root', 'info', HOME / NAME, 0,
+                settings=OLD_SETTINGS),
             row('owner completes a committed removal', lambda: committed(HOME), 'owner', 'info',
                 HOME / NAME, 0, settings='none',
                 changes={str(HOME / NAME): 'S1', str(HOME / JOURNAL): GONE}),
@@ -418,19 +420,25 @@ class DamagedJournals(Rows):
         count = len(journal.regions)
         torn = count - 1  # the last batch had not reached the package
 
-        def with_journal(content, written=torn, mode=0o644):
+        def with_journal(content, written=torn, mode=0o644, of=journal):
             def setup():
-                place(HOME / NAME, crashed(journal, BYTES['P1'], written), OWNER, 0o644)
+                place(HOME / NAME, crashed(of, BYTES['P1'], written), OWNER, 0o644)
                 place(HOME / JOURNAL, content, OWNER, mode)
             return setup
 
-        def flipped(index, field):
-            out = bytearray(data)
+        def flipped(index, field, of=journal):
+            out, starts = of.encode()
+            out = bytearray(out)
             start = starts[index]
-            length = len(journal.regions[index][1])
+            length = len(of.regions[index][1])
             at = {'data': start + 24, 'crc': start + 24 + length, 'length': start + 12}[field]
             out[at] ^= 0x01 if field == 'length' else 0xFF
             return bytes(out)
+
+        # The last batch holds all records but the first; its first record is torn. The batch
+        # never reached the package, and its valid records are not applied either.
+        paired = Journal(BYTES['P0'], regions=[(o, d, min(b, 2)) for o, d, b in journal.regions])
+        closed = Journal(BYTES['P0'], regions=journal.regions, done=(len(BYTES['P1']), count + 1))
 
         earlier = genuine(BYTES['P-1'], BYTES['P0'], nonce=0x0BADC0DE)
         stale = Journal(BYTES['P0'], regions=journal.regions)
@@ -457,6 +465,16 @@ class DamagedJournals(Rows):
                             HOME / NAME, 0, settings=OLD_SETTINGS, changes=back))
         mid = starts[-1] + (len(data) - starts[-1]) // 2
         rows += [
+            row('torn record followed by one of its own batch',
+                with_journal(flipped(1, 'data', paired), written=1, of=paired), 'owner', 'info',
+                HOME / NAME, 0, settings=OLD_SETTINGS, changes=back),
+            row('damaged record followed by the closing record',
+                with_journal(flipped(count // 2, 'data', closed), written=count, of=closed),
+                'owner', 'info', HOME / NAME, CANNOT_READ, refused=damaged),
+            row('another user reads past a torn last record',
+                with_journal(data[:mid]), 'other', 'info', HOME / NAME, 0, settings=OLD_SETTINGS),
+            row('another user meets a damaged record', with_journal(flipped(0, 'crc')), 'other',
+                'info', HOME / NAME, CANNOT_READ, refused=damaged),
             row('torn last record', with_journal(data[:mid]), 'owner', 'info', HOME / NAME, 0,
                 settings=OLD_SETTINGS, changes=back),
             row('record of an earlier journal in the middle', with_journal(bytes(middle)),
