@@ -223,13 +223,13 @@ def package(folder, state='P0', mode=None, gid=None):
     return place(folder / NAME, BYTES[state], OWNER, mode, gid)
 
 
-def hot(folder, mode):
+def hot(folder, mode, by=None):
     """The owner's package in folder as a crashed settings update left it, with its journal
-    (mode, owner and group as the package's)."""
+    (mode and group as the package's, made by the owner unless `by` says who)."""
     journal = genuine(BYTES['P0'], BYTES['P1'])
     gid = SHARE if folder == SHARED else OWNER
     place(folder / NAME, crashed(journal, BYTES['P1']), OWNER, mode, gid)
-    place(folder / JOURNAL, journal.encode()[0], OWNER, mode, gid)
+    place(folder / JOURNAL, journal.encode()[0], by or OWNER, mode, gid)
 
 
 def committed(folder):
