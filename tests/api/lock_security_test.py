@@ -16,7 +16,9 @@ import sys
 import time
 import unittest
 
-SKIP = 77
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / 'common'))
+import private_namespace  # noqa: E402
+
 NOBODY = 65534
 OPTIONS = None
 TMP = pathlib.Path('/tmp')
@@ -24,43 +26,15 @@ OURS = TMP / f'qob-{os.geteuid()}'
 LOCK = 'ZT.XProcess.Lock'
 
 
-def keep_build_reachable():
-    """A build under /tmp (a clone there, say) would vanish under the fresh /tmp: show the old
-    /tmp at /mnt in this namespace and run the programs from there, finding their library
-    beside them."""
-    if not any(p.startswith('/tmp/') for p in (OPTIONS.child, OPTIONS.tool)):
-        return
-    if not os.path.isdir('/mnt') or subprocess.run(
-            ['mount', '--bind', '/tmp', '/mnt'], stderr=subprocess.DEVNULL).returncode != 0:
-        print('skipped: the build is under /tmp and cannot be shown elsewhere')
-        sys.exit(SKIP)
-    OPTIONS.child = '/mnt/' + OPTIONS.child[len('/tmp/'):]
-    OPTIONS.tool = '/mnt/' + OPTIONS.tool[len('/tmp/'):]
-    lib = os.path.join(os.path.dirname(os.path.dirname(OPTIONS.child)), 'lib')
-    os.environ['LD_LIBRARY_PATH'] = lib
-
-
 def enter_namespace():
-    if os.environ.get('QOB_LOCK_NAMESPACE') == '1':
-        keep_build_reachable()
-        mounts = [['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'tmpfs', '/tmp']]
-        if os.path.isdir('/run/user'):  # hide the session directories of real users
-            mounts.append(['mount', '-t', 'tmpfs', 'tmpfs', '/run/user'])
-        for mount in mounts:
-            if subprocess.run(mount, stderr=subprocess.DEVNULL).returncode != 0:
-                print('skipped: may not mount a tmpfs here')
-                sys.exit(SKIP)
-        os.environ.pop('XDG_RUNTIME_DIR', None)
-        return
-    if os.geteuid() != 0 or shutil.which('unshare') is None or shutil.which('setpriv') is None:
-        print('skipped: needs root, unshare and setpriv')
-        sys.exit(SKIP)
-    if subprocess.run(['unshare', '-m', 'true'], stderr=subprocess.DEVNULL).returncode != 0:
-        print('skipped: no mount namespace allowed here')
-        sys.exit(SKIP)
-    env = dict(os.environ, QOB_LOCK_NAMESPACE='1')
-    command = ['unshare', '-m', '--propagation', 'private', sys.executable] + sys.argv
-    sys.exit(subprocess.run(command, env=env).returncode)
+    private_namespace.enter()
+    moved = private_namespace.reachable([OPTIONS.child, OPTIONS.tool])
+    if moved != [OPTIONS.child, OPTIONS.tool]:
+        # The child finds its library beside it, no longer where it was built.
+        OPTIONS.child, OPTIONS.tool = moved
+        os.environ['LD_LIBRARY_PATH'] = os.path.join(
+            os.path.dirname(os.path.dirname(OPTIONS.child)), 'lib')
+    private_namespace.fresh_tmp()
 
 
 def as_nobody(command):
