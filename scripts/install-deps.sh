@@ -8,6 +8,7 @@ packages=(
   g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
   python3 python3-pytest python3-setuptools python3-pip unzip zip p7zip-full libarchive-tools
   util-linux clang lld llvm # clang and lld: the MSVC-mode host of the Windows suite, qob.lib
+  strace # the power-loss replay records each changing call's system calls
 )
 if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(libclang-rt-14-dev)

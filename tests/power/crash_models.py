@@ -1,0 +1,189 @@
+"""What a file system may keep of a list of operations when the power goes at some point in
+it. Three models, from the kindest to the harshest:
+
+- killed: the process died; the kernel keeps everything it was given.
+- ext4: ext4's default ordering (data=ordered). Changes to names and sizes reach the device in
+  the order they were made, and any flush commits all of them made before it; the bytes of a
+  file's new blocks reach the device before the size that exposes them; overwrites of
+  existing bytes that no flush covered are kept per 4 KiB page, any subset of the pages.
+- posix: only what POSIX promises. Unflushed writes are kept per 512-byte sector, any subset;
+  a file's size is any of the sizes it had since its last flush; a region that the size
+  covers but no kept write filled reads as zeros, or as whatever a deleted file left in those
+  blocks; a change to a directory (a new name, a rename, an unlink) survives only if the
+  directory was flushed after it, and otherwise each one is kept or lost on its own.
+
+Operations and the tree come from strace_ops. Every crash state is a Tree; the operations
+recorded before `start` (the calls that set the scene) are taken as durable."""
+
+import hashlib
+import random
+
+from strace_ops import apply
+
+NAME_OPS = ("create", "rename", "link", "unlink")
+MODELS = ("killed", "ext4", "posix")
+
+
+def _last_flushes(ops, start, k):
+    """Index of the last flush before k: of each file, of each directory, of anything."""
+    files, dirs, any_flush = {}, {}, start - 1
+    for i in range(start, k):
+        op = ops[i]
+        if op[0] == "fsync":
+            files[op[1]] = i
+            any_flush = i
+        elif op[0] == "dsync":
+            dirs[op[1]] = i
+            any_flush = i
+    return files, dirs, any_flush
+
+
+def _dirs_of(op):
+    if op[0] == "create" or op[0] == "unlink":
+        return (op[1],)
+    if op[0] == "rename":
+        return (op[1], op[3])
+    if op[0] == "link":
+        return (op[2],)
+    return ()
+
+
+def _chunks(offset, data, unit):
+    """The pieces of a write cut at multiples of `unit` in the file."""
+    pos, end = offset, offset + len(data)
+    while pos < end:
+        stop = min(end, (pos // unit + 1) * unit)
+        yield pos, data[pos - offset:stop - offset]
+        pos = stop
+
+
+def _put(buf, offset, data, filler):
+    if len(buf) < offset:
+        buf.extend(filler(len(buf), offset))
+    buf[offset:offset + len(data)] = data
+
+
+def killed(base, ops, start, k, rng):
+    del rng
+    tree = base.copy()
+    for op in ops[start:k]:
+        apply(tree, op)
+    return tree
+
+
+def ext4(base, ops, start, k, rng):
+    files, _, any_flush = _last_flushes(ops, start, k)
+    # Names and sizes committed up to some point no earlier than the last flush.
+    committed = rng.randint(any_flush + 1, k)
+    tree = base.copy()
+    zeros = lambda a, b: bytes(b - a)  # noqa: E731: ordered mode never shows stale blocks
+    for i in range(start, k):
+        op = ops[i]
+        if op[0] != "write":
+            if i < committed:
+                apply(tree, op)
+            continue
+        ino, offset, data = op[1], op[2], op[3]
+        buf = tree.data.setdefault(ino, bytearray())
+        if i < files.get(ino, -1):
+            _put(buf, offset, data, zeros)
+            continue
+        size = len(buf)
+        for pos, piece in _chunks(offset, data, 4096):
+            inside = piece[:max(0, size - pos)]
+            beyond = piece[len(inside):]
+            if inside and rng.random() < 0.5:
+                buf[pos:pos + len(inside)] = inside
+            if beyond and i < committed:  # new blocks: written before the size is committed
+                _put(buf, pos + len(inside), beyond, zeros)
+    return tree
+
+
+def posix(base, ops, start, k, rng):
+    files, dirs, _ = _last_flushes(ops, start, k)
+    tree = base.copy()
+    # Blocks freed by a deleted file may come back inside a file that grew without its
+    # data: the newest such file first, as an allocator reusing them would.
+    stale = bytearray()
+    if rng.random() < 0.5:
+        named = set(tree.names.values())
+        gone = [ino for ino in sorted(tree.data) if ino not in named and tree.data[ino]]
+        if gone:
+            stale = tree.data[gone[-1]]
+
+    def filler(a, b):
+        piece = bytes(stale[a:b])
+        return piece + bytes(b - a - len(piece))
+
+    sizes = {}
+    for i in range(start, k):
+        op = ops[i]
+        if op[0] in NAME_OPS:
+            if all(i < dirs.get(d, -1) for d in _dirs_of(op)) or rng.random() < 0.5:
+                apply(tree, op)
+            continue
+        if op[0] not in ("write", "trunc"):
+            if op[0] == "tmpfile":
+                apply(tree, op)
+            continue
+        ino = op[1]
+        buf = tree.data.setdefault(ino, bytearray())
+        if i < files.get(ino, -1):
+            apply(tree, op)
+            continue
+        sizes.setdefault(ino, [len(buf)])
+        if op[0] == "trunc":
+            if rng.random() < 0.5:
+                apply(tree, op)
+            sizes[ino].append(op[2])
+            continue
+        for pos, piece in _chunks(op[2], op[3], 512):
+            if rng.random() < 0.5:
+                _put(buf, pos, piece, filler)
+        sizes[ino].append(max(sizes[ino][-1], op[2] + len(op[3])))
+    for ino, seen in sizes.items():
+        size = rng.choice(seen)
+        buf = tree.data[ino]
+        if size < len(buf):
+            del buf[size:]
+        else:
+            buf.extend(filler(len(buf), size))
+    return tree
+
+
+BUILDERS = {"killed": killed, "ext4": ext4, "posix": posix}
+
+
+def crash_states(model, base, ops, start, want, seed, directory, limit):
+    """Up to `want` crash states of ops[start:] that differ in the content of `directory`,
+    each as [crash point, files, returned]: `returned` when some draw after the last
+    operation (the call had returned SUCCESS) gave that content. The killed model has one state per point and takes them all; the others
+    draw points and choices from a generator seeded with `seed`, a third of the draws after
+    the last operation, where a lost change would be a lost SUCCESS, until `want` distinct
+    states are found or `limit` draws are spent."""
+    rng = random.Random(seed)
+    end, seen, out = len(ops), {}, []
+
+    def keep(k, tree):
+        files = tree.files(directory)
+        digest = hashlib.sha256()
+        for name in sorted(files):
+            digest.update(b"%d %s %d\0" % (len(name), name.encode(), len(files[name])))
+            digest.update(files[name])
+        key = digest.digest()
+        if key not in seen:
+            seen[key] = len(out)
+            out.append([k, files, k == end])
+        elif k == end:
+            out[seen[key]][2] = True
+
+    if model == "killed":
+        for k in range(start, end + 1):
+            keep(k, killed(base, ops, start, k, rng))
+        return out
+    for _ in range(limit):
+        if len(out) >= want:
+            break
+        k = end if rng.random() < 1 / 3 else rng.randint(start, end)
+        keep(k, BUILDERS[model](base, ops, start, k, rng))
+    return out
