@@ -3,9 +3,10 @@ it. Three models, from the kindest to the harshest:
 
 - killed: the process died; the kernel keeps everything it was given.
 - ext4: ext4's default ordering (data=ordered). Changes to names and sizes reach the device in
-  the order they were made, and any flush commits all of them made before it; the bytes of a
-  file's new blocks reach the device before the size that exposes them; overwrites of
-  existing bytes that no flush covered are kept per 4 KiB page, any subset of the pages.
+  the order they were made; a folder's flush commits all of them made before it, and so does
+  a file's flush when that file's own name or size changed; the bytes of a file's new blocks
+  reach the device before the size that exposes them; overwrites of existing bytes that no
+  flush covered are kept per 4 KiB page, any subset of the pages.
 - posix: only what POSIX promises. Unflushed writes are kept per 512-byte sector, any subset;
   a file's size is any of the sizes it had since its last flush; a region that the size
   covers but no kept write filled reads as zeros, or as whatever a deleted file left in those
@@ -25,17 +26,15 @@ MODELS = ("killed", "ext4", "posix")
 
 
 def _last_flushes(ops, start, k):
-    """Index of the last flush before k: of each file, of each directory, of anything."""
-    files, dirs, any_flush = {}, {}, start - 1
+    """Index of the last flush before k of each file and of each directory."""
+    files, dirs = {}, {}
     for i in range(start, k):
         op = ops[i]
         if op[0] == "fsync":
             files[op[1]] = i
-            any_flush = i
         elif op[0] == "dsync":
             dirs[op[1]] = i
-            any_flush = i
-    return files, dirs, any_flush
+    return files, dirs
 
 
 def _dirs_of(op):
@@ -71,10 +70,33 @@ def killed(base, ops, start, k, rng):
     return tree
 
 
+def _forced_commit(ops, start, k, base):
+    """The last point before k up to which ext4 has surely committed names and sizes: a
+    folder's flush commits the running transaction, and so does a file's flush when the
+    file's name or size changed since its previous flush; a flush of overwrites alone
+    writes the data and commits nothing."""
+    sizes = {ino: len(data) for ino, data in base.data.items()}
+    dirty, forced = set(), start - 1
+    for i in range(start, k):
+        op = ops[i]
+        if op[0] in ("create", "link"):
+            dirty.add(op[3] if op[0] == "create" else op[1])
+        elif op[0] == "trunc":
+            dirty.add(op[1])
+            sizes[op[1]] = op[2]
+        elif op[0] == "write" and op[2] + len(op[3]) > sizes.get(op[1], 0):
+            dirty.add(op[1])
+            sizes[op[1]] = op[2] + len(op[3])
+        elif op[0] == "dsync" or op[0] == "fsync" and op[1] in dirty:
+            forced = i
+            dirty.clear()
+    return forced
+
+
 def ext4(base, ops, start, k, rng):
-    files, _, any_flush = _last_flushes(ops, start, k)
-    # Names and sizes committed up to some point no earlier than the last flush.
-    committed = rng.randint(any_flush + 1, k)
+    files, _ = _last_flushes(ops, start, k)
+    # Names and sizes committed up to some point no earlier than the last forced commit.
+    committed = rng.randint(_forced_commit(ops, start, k, base) + 1, k)
     tree = base.copy()
     zeros = lambda a, b: bytes(b - a)  # noqa: E731: ordered mode never shows stale blocks
     for i in range(start, k):
@@ -100,7 +122,7 @@ def ext4(base, ops, start, k, rng):
 
 
 def posix(base, ops, start, k, rng):
-    files, dirs, _ = _last_flushes(ops, start, k)
+    files, dirs = _last_flushes(ops, start, k)
     tree = base.copy()
     # Blocks freed by a deleted file may come back inside a file that grew without its
     # data: the newest such file first, as an allocator reusing them would.

@@ -84,8 +84,9 @@ class Runner:
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
 
     def outcome(self, files):
-        """What the next call makes of a directory holding `files`: verify's exit status, and
-        the package's entries read back in full (None: no package; "unreadable")."""
+        """What the next call makes of a directory holding `files`: verify's exit status, the
+        package's entries read back in full (None: no package; "unreadable"), and the other
+        files left in the folder."""
         self.counter += 1
         top = os.path.join(self.work, f"state-{self.counter}")
         os.makedirs(os.path.join(top, "pkg"))
@@ -94,18 +95,22 @@ class Runner:
                 with open(os.path.join(top, "pkg", name), "wb") as f:
                     f.write(data)
             status = self.qob(["verify", "pkg/" + PKG], top)
+            # A journal left behind would roll a later call back. (A create's staging file
+            # left by a crash is only garbage, which the next create removes.)
+            left = tuple(sorted(n for n in os.listdir(os.path.join(top, "pkg"))
+                                if n.endswith("-journal")))
             path = os.path.join(top, "pkg", PKG)
             if not os.path.exists(path):
-                return status, None
+                return status, None, left
             try:
                 digest = hashlib.sha256()
                 with zipfile.ZipFile(path) as z:  # reads check every entry's CRC-32
                     for info in z.infolist():
                         digest.update(info.filename.encode() + b"\0")
                         digest.update(z.read(info))
-                return status, digest.hexdigest()
+                return status, digest.hexdigest(), left
             except (zipfile.BadZipFile, OSError, ValueError, EOFError):
-                return status, "unreadable"
+                return status, "unreadable", left
         finally:
             shutil.rmtree(top)
 
@@ -150,20 +155,28 @@ class Recording:
         if self.status != 0:
             raise SystemExit(f"{name}: the call failed with exit status {self.status}")
 
+    def inode_names(self, ops=None):
+        """Every name each inode had at some point of the call, for reports and faults: a
+        file may be flushed before it has its name (a new file linked in when complete)."""
+        ops = self.ops if ops is None else ops
+        tree, names = self.base.copy(), {}
+        for op in ops[self.start:]:
+            apply(tree, op)
+            for (d, n), ino in tree.names.items():
+                names.setdefault(ino, set()).add(n)
+        return names
+
     def flushes(self, ops=None):
         ops = self.ops if ops is None else ops
-        kinds = {}
-        tree = self.base.copy()
+        names, kinds = self.inode_names(ops), {}
         for op in ops[self.start:]:
             if op[0] == "fsync":
-                name = next((n for (d, n), i in tree.names.items() if i == op[1]), "a new file")
-                kind = ("journal" if name.endswith("-journal") else
-                        "package" if name == PKG else
-                        "new package" if name.endswith("-partial") else name)
+                seen = names.get(op[1], set())
+                kind = ("journal" if any(n.endswith("-journal") for n in seen) else
+                        "package" if PKG in seen else "a file never named")
                 kinds[kind] = kinds.get(kind, 0) + 1
             elif op[0] == "dsync":
                 kinds["folder"] = kinds.get("folder", 0) + 1
-            apply(tree, op)
         return kinds
 
 
@@ -196,13 +209,10 @@ def replay(runner, rec, ops, args, models):
 
 
 def drop_journal_flush(rec):
-    tree, out = rec.base.copy(), list(rec.ops[:rec.start])
-    for op in rec.ops[rec.start:]:
-        journal = {i for (d, n), i in tree.names.items() if n.endswith("-journal")}
-        apply(tree, op)
-        if op[0] == "fsync" and op[1] in journal:
-            continue
-        out.append(op)
+    journal = {ino for ino, names in rec.inode_names().items()
+               if any(n.endswith("-journal") for n in names)}
+    out = rec.ops[:rec.start] + [op for op in rec.ops[rec.start:]
+                                 if not (op[0] == "fsync" and op[1] in journal)]
     return out if len(out) < len(rec.ops) else None
 
 
@@ -269,7 +279,8 @@ def main():
                       f"{c['bad']} damaged, {c['lost']} lost SUCCESS")
             for model, k, n, what, got, names in bad[:5]:
                 print(f"    {what}: {model} model, crash after operation {k} of {n}, files "
-                      f"{names}: verify exit status {got[0]}, package {got[1] and got[1][:12]}")
+                      f"{names}: verify exit status {got[0]}, package {got[1] and got[1][:12]}, "
+                  f"left beside it {list(got[2])}")
             found = {"damaged": sum(r["bad"] for r in results.values()),
                      "lost": sum(r["lost"] for r in results.values())}
             failures += verdict(name, found, known)

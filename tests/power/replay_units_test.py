@@ -145,6 +145,8 @@ MODELS = [
     ("a flushed folder keeps the name", "posix", NAMED_FLUSHED, lambda f: "j" in f, True),
     ("ext4 keeps a flushed file's name (its flush commits the name)", "ext4", NEW_NAME,
      lambda f: "j" in f, True),
+    ("ext4 commits nothing on a flush of overwrites alone", "ext4",
+     [("create", D, "j", J, 0)] + FLUSHED_OVERWRITE, lambda f: "j" not in f, False),
     ("ext4 keeps name changes in order", "ext4", ORDERED,
      lambda f: "p" in f or "j" in f, True),
     ("posix may keep a later name change without an earlier one", "posix", ORDERED,
