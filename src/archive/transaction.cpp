@@ -2,6 +2,7 @@
 
 #include "archive/minizip/bytes.hpp"
 #include "archive/minizip/stream_access.hpp"
+#include "archive/recovery.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
@@ -12,15 +13,18 @@
 #include <climits>
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include <random>
 
 namespace QOB {
 namespace {
 
-std::mutex g_registryMutex;
+namespace JF = JournalFormat;
+
+// The transactions of the calling thread, by package path: calls on other threads and in
+// other processes coordinate through the package's lock, never through this.
 std::map<std::filesystem::path, Transaction*>& Registry() {
-    static auto* registry = new std::map<std::filesystem::path, Transaction*>();
-    return *registry;
+    thread_local std::map<std::filesystem::path, Transaction*> registry;
+    return registry;
 }
 
 std::filesystem::path Key(const std::filesystem::path& package) {
@@ -29,56 +33,37 @@ std::filesystem::path Key(const std::filesystem::path& package) {
     return (error ? package : absolute).lexically_normal();
 }
 
-std::filesystem::path StagingPath(const std::filesystem::path& package) {
-    std::filesystem::path staging = package;
-    staging += "-partial";
-    return staging;
+std::uint64_t NewNonce() {
+    std::random_device device;
+    return (std::uint64_t{device()} << 32) | device();
 }
 
-void RollBackLogged(const MiniZip::zlib_filefunc_def& io, const std::filesystem::path& package) {
-    // A staging file can only be left by a create that died; under the machine-wide lock
-    // no other call is writing it.
-    std::error_code error;
-    std::filesystem::remove(StagingPath(package), error);
-    switch (RecoverFromJournal(io, package)) {
-    case Recovery::RolledBack:
-        LogWarn(Format("rolled back an interrupted change of package \"%s\"",
-                       PathToUtf8(package).c_str()));
-        break;
-    case Recovery::Completed:
-        LogWarn(Format("completed an interrupted change of package \"%s\"",
-                       PathToUtf8(package).c_str()));
-        break;
-    case Recovery::NoJournal:
-    case Recovery::Discarded:
-        break;
-    }
+[[noreturn]] void FlushFailed(const char* what, int error) {
+    throw Exception(INTERNAL_INCONSISTENCY, Format("failed to flush %s to disk: %s", what,
+                                                   Platform::SystemErrorText(error).c_str()));
 }
 
 } // namespace
 
-void RecoverInterruptedChange(const std::filesystem::path& package) {
-    RollBackLogged(MiniZip::FileFunctions(), package);
-}
-
 Transaction::Transaction(const std::filesystem::path& package, Kind kind)
-    : key_(Key(package)), package_(package), kind_(kind), base_(MiniZip::FileFunctions()) {
-    {
-        const std::lock_guard<std::mutex> lock(g_registryMutex);
-        if (Registry().count(key_) > 0) {
-            return; // nested: the outer transaction owns the change
-        }
+    : key_(Key(package)), kind_(kind), base_(MiniZip::FileFunctions()) {
+    if (Registry().count(key_) > 0) {
+        return; // nested: the outer transaction owns the change
     }
     if (kind_ == Kind::Change) {
-        // Another user's call may be reading or changing this package behind its own
-        // per-user lock: wait for it. A journal found then was left by a dead process.
-        lock_ = PackageLock(package_, true);
+        file_ = std::make_unique<PackageFile>(package, PackageFile::Purpose::Change);
+    } else {
+        file_ = std::make_unique<PackageFile>(package, PackageFile::Purpose::Create);
+        int error = 0;
+        staged_.reset(Platform::FileCreateStaged(file_->Folder(), file_->Name(), staging_, error));
+        if (!staged_) {
+            throw Exception(CANNOT_OPEN_FILE_PCK,
+                            Format("failed to create package \"%s\": %s", file_->Shown().c_str(),
+                                   Platform::SystemErrorText(error).c_str()));
+        }
+        // Locked before it has a name: nobody can open it as a package before it is whole.
+        stagedLock_ = Platform::FileLockOn(staged_.get(), true);
     }
-    RollBackLogged(base_, package_);
-    if (kind_ == Kind::Create) {
-        staging_ = StagingPath(package_);
-    }
-    const std::lock_guard<std::mutex> lock(g_registryMutex);
     Registry()[key_] = this;
     owner_ = true;
 }
@@ -90,29 +75,30 @@ Transaction::~Transaction() {
     if (!committed_) {
         RollBack();
     }
-    const std::lock_guard<std::mutex> lock(g_registryMutex);
     Registry().erase(key_);
+    Platform::FileLockRelease(stagedLock_);
 }
 
 Transaction* Transaction::Find(const std::filesystem::path& package) {
-    const std::lock_guard<std::mutex> lock(g_registryMutex);
     const auto found = Registry().find(Key(package));
     return found != Registry().end() ? found->second : nullptr;
 }
 
-const std::filesystem::path& Transaction::File() const noexcept {
-    return kind_ == Kind::Create ? staging_ : package_;
+void* Transaction::NewStream() {
+    Platform::FileStream* stream =
+        Platform::FileShare(kind_ == Kind::Create ? staged_.get() : file_->Stream());
+    if (stream == nullptr) {
+        throw std::bad_alloc();
+    }
+    return stream;
 }
 
 MiniZip::zlib_filefunc_def Transaction::FileFunctions() noexcept {
     if (kind_ == Kind::Create) {
-        return base_; // a staged file is thrown away whole on failure
+        return base_; // a new file is thrown away whole on failure
     }
     MiniZip::zlib_filefunc_def table = base_;
-    table.zopen_file = [](void* opaque, const char* name, int mode) {
-        const auto* self = static_cast<Transaction*>(opaque);
-        return self->base_.zopen_file(self->base_.opaque, name, mode);
-    };
+    table.zopen_file = [](void*, const char*, int) -> void* { return nullptr; };
     table.zread_file = &Transaction::Read;
     table.zwrite_file = &Transaction::Write;
     table.ztell_file = [](void* opaque, void* stream) {
@@ -258,19 +244,40 @@ bool Transaction::Saved(std::uint64_t begin, std::uint64_t end) const noexcept {
     return begin >= end;
 }
 
+void Transaction::BeginJournal(void* stream) {
+    Platform::FileFacts facts;
+    int error = 0;
+    if (!Platform::FileFactsOf(file_->Stream(), facts, error)) {
+        throw Exception(CANNOT_READ_FILE_PCK, "failed to examine package");
+    }
+    original_ = facts.size;
+    if (original_ > 0xFFFFFFFFu) {
+        throw Exception(INVALID_PARAMETER, "package too large to change");
+    }
+    length_ = original_;
+    JF::Header header;
+    header.original = original_;
+    header.nonce = NewNonce();
+    header.nameCrc = JF::NameCrc(file_->Name());
+    std::uint8_t end[JF::kEndBytes] = {};
+    const auto tail = static_cast<std::uint32_t>(std::min<std::uint64_t>(original_, JF::kEndBytes));
+    MiniZip::StreamAccess file(base_, stream);
+    const auto back = file.Tell();
+    if (!back || !file.ReadAt(original_ - tail, end, tail) || !file.SeekTo(*back)) {
+        throw Exception(CANNOT_READ_FILE_PCK, "failed to read package for the journal");
+    }
+    header.endCrc = JF::Crc(end, tail);
+    const std::string folder = file_->ShownFolder();
+    const std::string name = JournalName(file_->Name());
+    journal_ = std::make_unique<JournalWriter>(
+        file_->Folder(), name, folder.empty() ? name : folder + "/" + name, facts, header);
+}
+
 void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_t end) {
     const bool first = !journal_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> wanted;
     if (first) {
-        original_ = std::filesystem::file_size(package_);
-        if (original_ > 0xFFFFFFFFu) {
-            throw Exception(INVALID_PARAMETER, "package too large to change");
-        }
-        length_ = original_;
-        journal_ = std::make_unique<JournalWriter>(base_, JournalPath(package_));
-        if (!journal_->Begin(original_)) {
-            throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
-        }
+        BeginJournal(stream);
         wanted.emplace_back(DirectoryStart(stream), original_);
     }
     std::uint64_t stop = end;
@@ -289,11 +296,12 @@ void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_
             const std::uint64_t gapEnd = i < saved_.size() ? std::min(saved_[i].first, to) : to;
             if (cursor < gapEnd) {
                 const long back = base_.ztell_file(base_.opaque, stream);
-                if (back == -1 || !journal_->Append(stream, static_cast<std::uint32_t>(cursor),
-                                                    static_cast<std::uint32_t>(gapEnd - cursor),
-                                                    static_cast<std::uint32_t>(back))) {
-                    throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+                if (back == -1) {
+                    throw Exception(CANNOT_READ_FILE_PCK, "failed to seek");
                 }
+                journal_->Append(base_, stream, static_cast<std::uint32_t>(cursor),
+                                 static_cast<std::uint32_t>(gapEnd - cursor),
+                                 static_cast<std::uint32_t>(back));
                 saved_.insert(saved_.begin() + static_cast<std::ptrdiff_t>(i), {cursor, gapEnd});
                 appended = true;
                 ++i;
@@ -306,12 +314,13 @@ void Transaction::ProtectOrThrow(void* stream, std::uint64_t begin, std::uint64_
     if (!first && !appended) {
         return;
     }
-    if (!journal_->Sync()) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
-    }
+    journal_->Sync();
     if (first) {
-        // The journal's directory entry must be durable before the package changes.
-        Platform::SyncDirectory(package_.parent_path());
+        // The journal's name must be durable before the package changes.
+        int error = 0;
+        if (!Platform::FolderSync(file_->Folder(), error)) {
+            FlushFailed("the folder of the journal", error);
+        }
     }
 }
 
@@ -319,21 +328,8 @@ void Transaction::Commit() {
     if (!owner_) {
         return;
     }
-    const std::filesystem::path directory = package_.parent_path();
     if (kind_ == Kind::Create) {
-        if (!Platform::SyncFile(staging_)) {
-            throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
-        }
-        switch (Platform::MoveNoReplace(staging_, package_)) {
-        case Platform::MoveResult::Moved:
-            break;
-        case Platform::MoveResult::TargetExists:
-            throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
-        case Platform::MoveResult::Failed:
-            throw Exception(INTERNAL_INCONSISTENCY, "failed to move package into place");
-        }
-        committed_ = true;
-        Platform::SyncDirectory(directory);
+        CommitNew();
         return;
     }
     if (failed_) {
@@ -344,92 +340,87 @@ void Transaction::Commit() {
         committed_ = true; // nothing was written
         return;
     }
-    // Once the package is cut, the bytes cut off are gone and the closing record can only
-    // complete the change: a failure after that is the next open's to finish, not this call's.
-    const bool cutting = cut_.has_value();
-    if (cutting && !Cut()) {
-        Decided();
-        return;
-    }
-    journal_->Close();
-    if (!Platform::SyncFile(package_)) {
-        if (cutting) {
-            Decided();
-            return;
-        }
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
-    }
-    // Deleting the journal is the commit.
-    std::error_code error;
-    if (!std::filesystem::remove(JournalPath(package_), error)) {
-        if (cutting) {
-            Decided();
-            return;
-        }
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to remove journal");
-    }
-    committed_ = true;
-    journal_.reset();
-    // The deletion is left to reach the disk in its own time: lost in a power cut, it would
-    // roll back this one call, which is still all or nothing.
-}
-
-void Transaction::Decided() noexcept {
-    committed_ = true;
-    journal_.reset();
-    try {
-        RecoverFromJournal(base_, package_); // completes the change now, if it can
-    } catch (...) {
-        // The journal stays, with its closing record: the next call completes the change.
-    }
-}
-
-bool Transaction::Cut() {
+    Platform::FileStream* package = file_->Stream();
+    int error = 0;
     // The new bytes must be on the device before the closing record says they are whole.
-    if (!Platform::SyncFile(package_)) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to flush package to disk");
+    if (!Platform::FileSyncData(package, error)) {
+        FlushFailed("package", error);
     }
-    const bool finished = journal_->Finish(*cut_);
-    if (!finished || !journal_->Sync()) {
-        // A whole record that cannot be taken back completes the change at any recovery.
-        if (!journal_->Retract() && finished) {
-            return false;
+    try {
+        journal_->Finish(cut_.value_or(length_));
+    } catch (...) {
+        if (journal_->Retract()) {
+            throw; // without its closing record the journal rolls the change back
         }
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to write journal");
+        // The record stays: the change is decided, and recovery completes it.
     }
-    bool cut = false;
-    if (void* stream =
-            base_.zopen_file(base_.opaque, PathToUtf8(package_).c_str(),
-                             MiniZip::kOpenRead | MiniZip::kOpenWrite | MiniZip::kOpenExisting)) {
-        cut = base_.ztruncate_file(base_.opaque, stream, static_cast<std::uint32_t>(*cut_)) == 0;
-        base_.zclose_file(base_.opaque, stream);
-    }
-    if (!cut) {
-        // Not cut, so nothing is lost yet: without its closing record the journal rolls the
-        // change back. Should the record stay, the change is decided and recovery completes it.
-        if (!journal_->Retract()) {
-            return false;
+    // Decided: from here on a failure is the next open's to finish, not this call's to report.
+    committed_ = true;
+    if (cut_) {
+        MiniZip::StreamAccess file(base_, package);
+        if (file.Truncate(static_cast<std::uint32_t>(*cut_)) != 0 ||
+            !Platform::FileSyncData(package, error)) {
+            return;
         }
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to cut the package to its new length");
+        length_ = *cut_;
     }
-    length_ = *cut_;
-    return true;
+    journal_->Remove();
+    journal_.reset();
+}
+
+void Transaction::CommitNew() {
+    Platform::FileStream* stream = staged_.get();
+    int error = 0;
+    if (!Platform::FileSyncData(stream, error)) {
+        FlushFailed("package", error);
+    }
+    switch (Platform::FileGiveName(stream, file_->Folder(), staging_, file_->Name(), error)) {
+    case Platform::MoveResult::Moved:
+        break;
+    case Platform::MoveResult::TargetExists:
+        throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
+    case Platform::MoveResult::Failed:
+        throw Exception(INTERNAL_INCONSISTENCY, Format("failed to move package into place: %s",
+                                                       Platform::SystemErrorText(error).c_str()));
+    }
+    staging_.clear();
+    if (!Platform::FolderSync(file_->Folder(), error)) {
+        // Not durable: take the name back, so that the call fails whole.
+        Platform::FileFacts facts;
+        int ignored = 0;
+        if (Platform::FileFactsOf(stream, facts, ignored)) {
+            Platform::FileRemoveIn(file_->Folder(), file_->Name(), facts, ignored);
+        }
+        FlushFailed("the folder of the package", error);
+    }
+    committed_ = true;
 }
 
 void Transaction::RollBack() noexcept {
     try {
         if (kind_ == Kind::Create) {
-            std::error_code error;
-            std::filesystem::remove(staging_, error);
+            Platform::FileFacts facts;
+            int error = 0;
+            if (!staging_.empty() && Platform::FileFactsOf(staged_.get(), facts, error)) {
+                Platform::FileRemoveIn(file_->Folder(), staging_, facts, error);
+            }
             return;
         }
         if (!journal_) {
             return; // the package was never touched
         }
-        journal_->Close();
         journal_.reset();
-        RecoverFromJournal(base_, package_);
-        LogDebug(Format("rolled back the change of package \"%s\"", PathToUtf8(package_).c_str()));
+        Platform::FileFacts facts;
+        int error = 0;
+        if (!Platform::FileFactsOf(file_->Stream(), facts, error)) {
+            return;
+        }
+        JournalLookup lookup = FindJournal(file_->Folder(), file_->Name(), file_->ShownFolder(),
+                                           file_->Stream(), facts);
+        if (lookup.state == JournalState::Found) {
+            Repair(*file_, *lookup.journal, false);
+        }
+        LogDebug(Format("rolled back the change of package \"%s\"", file_->Shown().c_str()));
     } catch (...) {
         // The journal stays: the next call on the package rolls back.
     }

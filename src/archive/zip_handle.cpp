@@ -1,9 +1,9 @@
 #include "archive/zip_handle.hpp"
 
 #include "archive/defer.hpp"
-#include "archive/journal.hpp"
 #include "archive/minizip/unzip.hpp"
 #include "archive/minizip/zip.hpp"
+#include "archive/package_file.hpp"
 #include "archive/transaction.hpp"
 #include "archive/zip_results.hpp"
 #include "platform/platform.hpp"
@@ -12,7 +12,6 @@
 #include "support/log.hpp"
 #include "support/utf8_path.hpp"
 
-#include <fstream>
 #include <system_error>
 
 namespace QOB::MiniZip {
@@ -23,70 +22,35 @@ bool IsEmpty(void* unzip) {
     return unzGetGlobalInfo(unzip, &info) == UNZ_OK && info.number_entry == 0;
 }
 
-constexpr int kOpenReadWriteExisting = kOpenRead | kOpenWrite | kOpenExisting;
-
 } // namespace
 
-Handle::Handle(const std::filesystem::path& path, bool should_exist)
-    : path_(PathToUtf8(path)), file_(path) {
+Handle::Handle(const std::filesystem::path& path, bool should_exist) : path_(PathToUtf8(path)) {
     const std::string trail =
         Format("in Handle path=\"%s\" should_exist=%s", path_.c_str(), should_exist ? "yes" : "no");
     QOB_FAILURE_TRAIL(trail);
 
-    // Inside a mutating call the file goes through that call's transaction; any other open
-    // first rolls back what a dead process left half done.
-    Transaction* transaction = Transaction::Find(path);
-    if (transaction != nullptr) {
+    // Inside a changing call the file goes through that call's transaction; any other open
+    // opens the package once for reading, dealing first with what a dead process left.
+    void* stream = nullptr;
+    bool exists = true;
+    if (Transaction* transaction = Transaction::Find(path)) {
+        exists = !transaction->Creates();
         raw_ = transaction->FileFunctions();
-        file_ = transaction->File();
+        stream = transaction->NewStream();
     } else {
-        packageLock_ = PackageLock(path, false);
-        // A journal seen under the lock was left by a dead process (a live one holds the
-        // lock exclusively): it is rolled back alone, then the lock is shared again.
-        const bool hot = std::filesystem::exists(JournalPath(path));
-        const auto relock = [&](bool exclusive) {
-            if (!packageLock_.MakeExclusive(exclusive)) {
-                throw Exception(INTERNAL_INCONSISTENCY,
-                                Format("cannot lock package \"%s\"", path_.c_str()));
-            }
-        };
-        if (hot) {
-            relock(true);
-        }
-        RecoverInterruptedChange(path);
-        if (hot) {
-            relock(false);
-        }
-        raw_ = FileFunctions();
-    }
-    const std::string fileName = PathToUtf8(file_);
-    const bool exists = std::filesystem::exists(path);
-    if (!should_exist && exists) {
-        throw Exception(CANNOT_REMOVE_FILE, "archive already exists");
-    }
-    if (should_exist && !exists) {
-        throw Exception(PACKAGE_NOT_FOUND, "no such archive");
-    }
-    if (exists) {
-        std::error_code error;
-        const auto size = std::filesystem::file_size(path, error);
-        if (!error && size > 0xFFFFFFFFu) {
+        // Packages are made inside a transaction, which stages them; an archive built outside
+        // one is written in place.
+        exists = should_exist;
+        package_ = std::make_unique<PackageFile>(path, should_exist ? PackageFile::Purpose::Read
+                                                                    : PackageFile::Purpose::New);
+        if (package_->Facts().size > 0xFFFFFFFFu) {
             LogWarn(Format("archive requires 64-bit ZIP support: \"%s\"", path_.c_str()));
         }
-    } else {
-        std::ofstream create(file_, std::ios::binary);
+        raw_ = package_->Functions();
+        stream = package_->NewStream();
     }
-
-    void* stream = raw_.zopen_file(raw_.opaque, fileName.c_str(), kOpenReadWriteExisting);
-    if (stream == nullptr) {
-        LogWarn(Format("failed to open archive for read-write, retrying with read-only mode: "
-                       "\"%s\"",
-                       path_.c_str()));
-        // The platform's read-only stream is the same kind of stream, so raw_ serves it.
-        stream = Platform::FileOpenReadOnly(fileName.c_str());
-    }
-    if (stream == nullptr) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive");
+    if (should_exist != exists) {
+        throw Exception(INTERNAL_INCONSISTENCY, "archive opened for the wrong purpose");
     }
     try {
         Construct(stream, raw_, exists);

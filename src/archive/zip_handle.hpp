@@ -4,7 +4,6 @@
 #pragma once
 
 #include "archive/minizip/io.hpp"
-#include "archive/package_lock.hpp"
 #include "archive/read_cache.hpp"
 
 #include <cstdint>
@@ -12,6 +11,10 @@
 #include <memory>
 #include <string>
 #include <variant>
+
+namespace QOB {
+class PackageFile;
+}
 
 namespace QOB::MiniZip {
 
@@ -49,9 +52,9 @@ private:
     void UnzipClose();
     void ResetSeek();
 
-    // Outside a change: a shared lock on the package for the handle's life, so that another
-    // user's change never runs under a read.
-    PackageLock packageLock_;
+    // Outside a change: the package opened for reading, under a shared lock for the handle's
+    // life, so that another user's change never runs under a read.
+    std::unique_ptr<PackageFile> package_;
     void* stream_ = nullptr;
     std::variant<std::monostate, ZipOpenState, UnzipOpenState> state_;
     zlib_filefunc_def raw_{};
@@ -59,7 +62,6 @@ private:
     std::unique_ptr<ReadCache> cache_;
     bool exists_ = false;
     std::string path_;
-    std::filesystem::path file_;
 };
 
 } // namespace QOB::MiniZip

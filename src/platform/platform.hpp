@@ -10,6 +10,9 @@
 
 namespace QOB::Platform {
 
+enum class MoveResult { Moved, TargetExists, Failed };
+struct FileLock;
+
 // Cross-process lock of the calls: one per user session on Windows, one per user on POSIX
 // systems. Recursive for the holding thread; released by the system when its holder dies.
 // Acquire returns true when held, or when no lock can exist at all (calls then run without
@@ -35,6 +38,72 @@ int FileError(FileStream* stream) noexcept; // last stored error, -1 for a null 
 // -6 cut done but the position could not be restored.
 int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept;
 
+// The system's text for one of its error numbers (errno; GetLastError on Windows).
+std::string SystemErrorText(int error);
+
+// A second stream on the same open file, with a position of its own; closing it leaves the
+// file open (the first stream must outlive it).
+FileStream* FileShare(FileStream* stream) noexcept;
+
+// Files beside a package, reached through their folder, opened once. A name below a folder
+// is never followed if it is a link, and opening never waits on a FIFO or a device. The error
+// out-parameters are the system's error numbers (errno; GetLastError on Windows).
+struct Folder;
+Folder* FolderOpen(const std::filesystem::path& folder, int& error) noexcept;
+void FolderClose(Folder* folder) noexcept;
+// Makes creations, renames and removals in the folder durable.
+bool FolderSync(Folder* folder, int& error) noexcept;
+
+// What the library checks of a file before it trusts it. Owner, group and mode are the POSIX
+// ones (zero on Windows, which has none of them).
+struct FileFacts {
+    bool regular = false;
+    std::uint64_t links = 0;
+    std::uint64_t size = 0;
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::uint32_t owner = 0;
+    std::uint32_t group = 0;
+    std::uint32_t mode = 0; // permission bits
+};
+
+enum class OpenAs { Read, ReadWrite, CreateNew };
+// CreateNew creates the file, failing when the name exists in any form, readable and writable
+// by the caller alone until FileSetPermissions.
+FileStream* FileOpenIn(Folder* folder, const std::string& name, OpenAs how, int& error) noexcept;
+// Facts of an open file, or of a name in the folder without following it (ENOENT: none).
+bool FileFactsOf(FileStream* stream, FileFacts& facts, int& error) noexcept;
+bool FileFactsIn(Folder* folder, const std::string& name, FileFacts& facts, int& error) noexcept;
+// Gives the file the permission bits of like, and its owner and group where the system lets
+// the caller; false only when the permission bits could not be set.
+bool FileSetPermissions(FileStream* stream, const FileFacts& like, int& error) noexcept;
+// Removes name from the folder only while it still is the file described by expected.
+bool FileRemoveIn(Folder* folder, const std::string& name, const FileFacts& expected,
+                  int& error) noexcept;
+// Flushes the file's data (and length) to the device; true when flushes are turned off.
+bool FileSyncData(FileStream* stream, int& error) noexcept;
+
+// A new file in the folder without a name where the system has such files (staging is then
+// empty), else under a fresh random name (staging). It stays invisible as a package until
+// FileGiveName, which never replaces an existing name.
+FileStream* FileCreateStaged(Folder* folder, const std::string& name, std::string& staging,
+                             int& error) noexcept;
+MoveResult FileGiveName(FileStream* stream, Folder* folder, const std::string& staging,
+                        const std::string& name, int& error) noexcept;
+// Tests take the named fallback of FileCreateStaged on systems with unnamed files.
+void SetUnnamedFilesEnabled(bool enabled) noexcept;
+
+// Who the caller is, for deciding which files it may trust: the effective user, and whether
+// it belongs to a group. UserInGroup asks the user database for another user; false when it
+// does not know. Windows has none of these: 0, true, false.
+std::uint32_t CallerUser() noexcept;
+bool CallerInGroup(std::uint32_t group) noexcept;
+bool UserInGroup(std::uint32_t user, std::uint32_t group) noexcept;
+
+// An advisory lock on an open file, shared or exclusive; waits as long as needed. Released
+// with FileLockRelease; the file must stay open while the lock is held.
+FileLock* FileLockOn(FileStream* stream, bool exclusive) noexcept;
+
 // Durability. SyncFile flushes the file's data to the device (any open handle of the file
 // may have written it); SyncDirectory makes the creation, renaming or removal of entries in
 // a directory durable (nothing to do where the system does it by itself).
@@ -42,6 +111,7 @@ bool SyncFile(const std::filesystem::path& path) noexcept;
 bool SyncDirectory(const std::filesystem::path& directory) noexcept;
 // Tests of atomicity alone (thousands of calls) turn the device flushes off; on by default.
 void SetSyncEnabled(bool enabled) noexcept;
+bool SyncEnabled() noexcept;
 
 // An advisory lock on one package file. The cross-process lock is per user, so calls of
 // different users may run at once: this lock keeps a change of one package (exclusive) from
@@ -54,11 +124,6 @@ FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noe
 // False when the system refused: the lock is then not held at all. True for a null lock.
 bool FileLockConvert(FileLock* lock, bool exclusive) noexcept;
 void FileLockRelease(FileLock* lock) noexcept;
-
-enum class MoveResult { Moved, TargetExists, Failed };
-// Gives the file `from` the name `to` in one step, never replacing an existing `to`.
-MoveResult MoveNoReplace(const std::filesystem::path& from,
-                         const std::filesystem::path& to) noexcept;
 
 // Seconds since 1970 of the file's last modification; false when the status cannot be read.
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept;

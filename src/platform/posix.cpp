@@ -1,6 +1,7 @@
 // POSIX implementation of the platform interface.
 #include "platform/platform.hpp"
 #include "platform/posix_retry.hpp"
+#include "platform/posix_stream.hpp"
 
 #include <cerrno>
 #include <cstring>
@@ -11,9 +12,14 @@
 #include <unistd.h>
 
 namespace QOB::Platform {
-// The file stream record: the descriptor, then the last error (errno; 0 when none).
+// The file stream record: the descriptor, whether closing the stream closes it (streams
+// shared from another hold it only), the stream's own position, and the last error (errno;
+// 0 when none). Reads and writes are positioned, so that streams sharing a descriptor never
+// move each other.
 struct FileStream {
     int fd;
+    bool owns;
+    off_t position;
     std::int32_t error;
 };
 
@@ -25,7 +31,7 @@ FileStream* Wrap(int fd) noexcept {
     if (fd < 0) {
         return nullptr;
     }
-    auto* stream = new (std::nothrow) FileStream{fd, 0};
+    auto* stream = new (std::nothrow) FileStream{fd, true, 0, 0};
     if (stream == nullptr) {
         ::close(fd);
     }
@@ -70,7 +76,7 @@ std::uint32_t FileRead(FileStream* stream, void* buffer, std::uint32_t size) noe
     auto* bytes = static_cast<unsigned char*>(buffer);
     std::uint32_t done = 0;
     while (done < size) {
-        const ssize_t got = ::read(stream->fd, bytes + done, size - done);
+        const ssize_t got = ::pread(stream->fd, bytes + done, size - done, stream->position);
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -82,6 +88,7 @@ std::uint32_t FileRead(FileStream* stream, void* buffer, std::uint32_t size) noe
             break; // end of file is not an error
         }
         done += static_cast<std::uint32_t>(got);
+        stream->position += got;
     }
     return done;
 }
@@ -93,7 +100,7 @@ std::uint32_t FileWrite(FileStream* stream, const void* buffer, std::uint32_t si
     const auto* bytes = static_cast<const unsigned char*>(buffer);
     std::uint32_t done = 0;
     while (done < size) {
-        const ssize_t put = ::write(stream->fd, bytes + done, size - done);
+        const ssize_t put = ::pwrite(stream->fd, bytes + done, size - done, stream->position);
         if (put < 0 && errno == EINTR) {
             continue;
         }
@@ -102,6 +109,7 @@ std::uint32_t FileWrite(FileStream* stream, const void* buffer, std::uint32_t si
             break;
         }
         done += static_cast<std::uint32_t>(put);
+        stream->position += put;
     }
     return done;
 }
@@ -110,11 +118,7 @@ long FileTell(FileStream* stream) noexcept {
     if (stream == nullptr) {
         return -1;
     }
-    const off_t position = ::lseek(stream->fd, 0, SEEK_CUR);
-    if (position < 0) {
-        Fail(stream);
-        return -1;
-    }
+    const off_t position = stream->position;
     if (position > kMaxPosition) {
         stream->error = EOVERFLOW;
         return -1;
@@ -133,7 +137,7 @@ long FileSeek(FileStream* stream, std::uint32_t offset, int origin) noexcept {
     if (origin == 0) {
         distance = static_cast<off_t>(offset);
     } else if (origin == 1) {
-        base = ::lseek(stream->fd, 0, SEEK_CUR);
+        base = stream->position;
     } else if (origin == 2) {
         struct stat status {};
         base = ::fstat(stream->fd, &status) == 0 ? status.st_size : -1;
@@ -149,10 +153,7 @@ long FileSeek(FileStream* stream, std::uint32_t offset, int origin) noexcept {
         stream->error = EINVAL;
         return -1;
     }
-    if (::lseek(stream->fd, target, SEEK_SET) < 0) {
-        Fail(stream);
-        return -1;
-    }
+    stream->position = target;
     return 0;
 }
 
@@ -161,7 +162,7 @@ int FileClose(FileStream* stream) noexcept {
         return -1;
     }
     const int result = stream->fd >= 0 ? 0 : -1;
-    if (stream->fd >= 0) {
+    if (stream->fd >= 0 && stream->owns) {
         ::close(stream->fd); // even on EINTR the descriptor is gone on Linux
     }
     delete stream;
@@ -179,24 +180,32 @@ int FileTruncate(FileStream* stream, std::uint32_t newSize) noexcept {
     if (stream->fd < 0) {
         return -2;
     }
-    const off_t position = ::lseek(stream->fd, 0, SEEK_CUR);
-    if (position < 0) {
+    if (Retrying([&] { return ::ftruncate(stream->fd, static_cast<off_t>(newSize)); }) != 0) {
         Fail(stream);
-        return -3;
-    }
-    if (::lseek(stream->fd, static_cast<off_t>(newSize), SEEK_SET) < 0) {
-        Fail(stream);
-        return -4;
-    }
-    const int cut = Retrying([&] { return ::ftruncate(stream->fd, static_cast<off_t>(newSize)); });
-    if (cut != 0) {
-        Fail(stream);
-    }
-    const bool restored = ::lseek(stream->fd, position, SEEK_SET) >= 0;
-    if (cut != 0) {
         return -5;
     }
-    return restored ? 0 : -6;
+    return 0;
+}
+
+FileStream* FileShare(FileStream* stream) noexcept {
+    if (stream == nullptr || stream->fd < 0) {
+        return nullptr;
+    }
+    return new (std::nothrow) FileStream{stream->fd, false, 0, 0};
+}
+
+int StreamDescriptor(FileStream* stream) noexcept {
+    return stream != nullptr ? stream->fd : -1;
+}
+
+FileStream* StreamFromDescriptor(int fd) noexcept {
+    return Wrap(fd);
+}
+
+std::string SystemErrorText(int error) {
+    char buffer[256] = {};
+    // The GNU variant returns the text, which need not be in buffer.
+    return ::strerror_r(error, buffer, sizeof buffer);
 }
 
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept {

@@ -17,6 +17,10 @@ bool g_syncEnabled = true;
 void SetSyncEnabled(bool enabled) noexcept {
     g_syncEnabled = enabled;
 }
+
+bool SyncEnabled() noexcept {
+    return g_syncEnabled;
+}
 namespace {
 
 bool SyncPath(const char* name, int flags) noexcept {
@@ -46,27 +50,6 @@ bool SyncDirectory(const std::filesystem::path& directory) noexcept {
     }
     const char* name = directory.empty() ? "." : directory.c_str();
     return SyncPath(name, O_RDONLY | O_DIRECTORY);
-}
-
-MoveResult MoveNoReplace(const std::filesystem::path& from,
-                         const std::filesystem::path& to) noexcept {
-#ifdef RENAME_NOREPLACE
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-        return MoveResult::Moved;
-    }
-    if (errno == EEXIST) {
-        return MoveResult::TargetExists;
-    }
-    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP) {
-        return MoveResult::Failed;
-    }
-#endif
-    // File systems without the flag: a hard link fails on an existing name as well.
-    if (::link(from.c_str(), to.c_str()) != 0) {
-        return errno == EEXIST ? MoveResult::TargetExists : MoveResult::Failed;
-    }
-    ::unlink(from.c_str());
-    return MoveResult::Moved;
 }
 
 } // namespace QOB::Platform

@@ -3,7 +3,7 @@
 #include "api/package_host.hpp"
 #include "archive/archive.hpp"
 #include "archive/minizip/io.hpp"
-#include "archive/package_lock.hpp"
+#include "archive/package_file.hpp"
 #include "platform/platform.hpp"
 
 #include <qob/qob.h>
@@ -342,7 +342,7 @@ TEST(AtomicCalls, ChangeWaitsForAnotherHolderOfThePackage) {
     QobErrorCode_e result = SUCCESS;
     std::thread change;
     {
-        const QOB::PackageLock reader(package, false);
+        const QOB::PackageFile reader(package, QOB::PackageFile::Purpose::Read);
         change = std::thread([&] {
             result =
                 QOB_RemoveEntry(package.string().c_str(), "Quillmarsh/Cache/Proxies/IMG_1.CR3.jpg");
