@@ -7,10 +7,11 @@ it. Three models, from the kindest to the harshest:
   a file's flush when that file's own name or size changed; the bytes of a file's new blocks
   reach the device before the size that exposes them; overwrites of existing bytes that no
   flush covered are kept per 4 KiB page, any subset of the pages.
-- posix: only what POSIX promises. Unflushed writes are kept per 512-byte sector, any subset;
-  a file's size is any of the sizes it had since its last flush; a region that the size
-  covers but no kept write filled reads as zeros, or as whatever a deleted file left in those
-  blocks; a change to a directory (a new name, a rename, an unlink) survives only if the
+- posix: only what POSIX promises. Unflushed writes are kept per 512-byte sector: each sector
+  independently holds any one of the versions it had since the file's last flush (the first
+  being its old bytes); a file's size is any of the sizes it had since its last flush; a
+  sector that the size covers but that never reached the device reads as zeros, or as
+  whatever a deleted file left in that block; a change to a directory (a new name, a rename, an unlink) survives only if the
   directory was flushed after it, and otherwise each one is kept or lost on its own.
 
 Operations and the tree come from strace_ops. Every crash state is a Tree; the operations
@@ -133,11 +134,33 @@ def posix(base, ops, start, k, rng):
         if gone:
             stale = tree.data[gone[-1]]
 
-    def filler(a, b):
-        piece = bytes(stale[a:b])
-        return piece + bytes(b - a - len(piece))
+    # A sector reaches the device whole, as the page cache held it at some moment: any one
+    # of its versions since the file's last flush, the first being none of the writes.
+    touches = {}
+    for i in range(start, k):
+        op = ops[i]
+        if op[0] == "write" and i >= files.get(op[1], -1):
+            for pos, _ in _chunks(op[2], op[3], 512):
+                touches[(op[1], pos // 512)] = touches.get((op[1], pos // 512), 0) + 1
+    # Whole files at the extremes are drawn often, as a power cut tends to leave them: none
+    # of a file's new sectors reached the device (a new file showing only old blocks), or all.
+    extreme = {ino: rng.choice((0, None, None, 1)) for ino, _ in touches}
+    version = {(ino, sector): rng.randint(0, n) if extreme[ino] is None else n * extreme[ino]
+               for (ino, sector), n in touches.items()}
 
-    sizes = {}
+    def filler(ino):
+        """Bytes for [a, b) that no kept write filled: zeros in a sector that reached the
+        device (the page cache zeroes what was never written), else the old blocks."""
+        def fill(a, b):
+            out = bytearray()
+            for pos, _ in _chunks(a, bytes(b - a), 512):
+                stop = min(b, (pos // 512 + 1) * 512)
+                old = b"" if version.get((ino, pos // 512), 0) else stale[pos:stop]
+                out += old + bytes(stop - pos - len(old))
+            return bytes(out)
+        return fill
+
+    sizes, rank = {}, {}
     for i in range(start, k):
         op = ops[i]
         if op[0] in NAME_OPS:
@@ -160,8 +183,10 @@ def posix(base, ops, start, k, rng):
             sizes[ino].append(op[2])
             continue
         for pos, piece in _chunks(op[2], op[3], 512):
-            if rng.random() < 0.5:
-                _put(buf, pos, piece, filler)
+            key = (ino, pos // 512)
+            rank[key] = rank.get(key, 0) + 1
+            if rank[key] <= version[key]:
+                _put(buf, pos, piece, filler(ino))
         sizes[ino].append(max(sizes[ino][-1], op[2] + len(op[3])))
     for ino, seen in sizes.items():
         size = rng.choice(seen)
@@ -169,7 +194,7 @@ def posix(base, ops, start, k, rng):
         if size < len(buf):
             del buf[size:]
         else:
-            buf.extend(filler(len(buf), size))
+            buf.extend(filler(ino)(len(buf), size))
     return tree
 
 

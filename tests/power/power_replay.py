@@ -216,18 +216,27 @@ def drop_journal_flush(rec):
     return out if len(out) < len(rec.ops) else None
 
 
-def drop_deletion_flush(rec):
-    ops, unlinked = list(rec.ops), None
+def drop_commit_flush(rec):
+    """Drops the flush that makes the commit durable: the folder's flush after the journal's
+    deletion where there is one, else the journal's last flush before its deletion (the one
+    that makes its closing record durable)."""
+    ops, unlinked, journal_flush = list(rec.ops), None, None
+    journal = {ino for ino, names in rec.inode_names().items()
+               if any(n.endswith("-journal") for n in names)}
     for i in range(rec.start, len(ops)):
         if ops[i][0] == "unlink" and ops[i][2].endswith("-journal"):
             unlinked = i
         elif ops[i][0] == "dsync" and unlinked is not None:
             return ops[:i] + ops[i + 1:]
-    return None
+        elif ops[i][0] == "fsync" and ops[i][1] in journal and unlinked is None:
+            journal_flush = i
+    if unlinked is None or journal_flush is None:
+        return None
+    return ops[:journal_flush] + ops[journal_flush + 1:]
 
 
 FAULTS = [("no journal flush", drop_journal_flush),
-          ("no flush of the journal's deletion", drop_deletion_flush)]
+          ("no flush that makes the commit durable", drop_commit_flush)]
 
 
 def main():

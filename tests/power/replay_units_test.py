@@ -124,6 +124,9 @@ ORDERED = [("create", D, "j", J, 0), ("unlink", D, "p", 0)]
 GROWN = [("create", D, "j", J, 0), ("dsync", D, 0), ("trunc", J, 1024, 0), ("fsync", J, 0),
          ("write", J, 1024, b"x" * 1024, 0)]
 
+TWO_IN_A_SECTOR = [("create", D, "j", J, 0), ("dsync", D, 0), ("write", J, 0, b"AAAA", 0),
+                   ("write", J, 4, b"BBBB", 0), ("trunc", J, 512, 0)]
+
 sectors = lambda f: {f["p"][i:i + 512] for i in range(0, 2048, 512)}  # noqa: E731
 
 # (what, model, operations, a property of the file system after the crash, must it hold in
@@ -153,6 +156,13 @@ MODELS = [
      lambda f: "p" not in f and "j" not in f, False),
     ("posix may show a deleted file's bytes in a grown file", "posix", GROWN,
      lambda f: b"GONE" in f.get("j", b""), False),
+    ("posix: a sector that reached the device shows no old blocks", "posix", TWO_IN_A_SECTOR,
+     lambda f: b"GONE" not in f.get("j", b"") or f["j"] == (b"GONE" * 128)[:len(f["j"])], True),
+    ("posix: a sector holds the first write without the second", "posix", TWO_IN_A_SECTOR,
+     lambda f: f.get("j", b"")[:4] == b"AAAA" and f["j"][4:8] != b"BBBB", False),
+    ("posix: a sector never holds the second write without the first", "posix",
+     TWO_IN_A_SECTOR, lambda f: not (f.get("j", b"")[4:8] == b"BBBB" and
+                                     f["j"][:4] != b"AAAA"), True),
     ("ext4 never shows a deleted file's bytes", "ext4", GROWN,
      lambda f: b"GONE" not in f.get("j", b""), True),
 ]
