@@ -48,6 +48,13 @@ def _dirs_of(op):
     return ()
 
 
+def _made_with(ops, i):
+    """Whether ops[i] is the mode a file was made with: it goes wherever the file goes."""
+    op, before = ops[i], ops[i - 1] if i > 0 else ()
+    return op[0] == "chmod" and before[:1] in (("create",), ("tmpfile",)) and \
+        (before[3] if before[0] == "create" else before[1]) == op[1]
+
+
 def _chunks(offset, data, unit):
     """The pieces of a write cut at multiples of `unit` in the file."""
     pos, end = offset, offset + len(data)
@@ -63,8 +70,14 @@ def _put(buf, offset, data, filler):
     buf[offset:offset + len(data)] = data
 
 
+def _whole(ops, k):
+    """A crash point never falls between a file's creation and the mode it was made with."""
+    return k + 1 if k < len(ops) and _made_with(ops, k) else k
+
+
 def killed(base, ops, start, k, rng):
     del rng
+    k = _whole(ops, k)
     tree = base.copy()
     for op in ops[start:k]:
         apply(tree, op)
@@ -95,6 +108,7 @@ def _forced_commit(ops, start, k, base):
 
 
 def ext4(base, ops, start, k, rng):
+    k = _whole(ops, k)
     files, _ = _last_flushes(ops, start, k)
     # Names and sizes committed up to some point no earlier than the last forced commit.
     committed = rng.randint(_forced_commit(ops, start, k, base) + 1, k)
@@ -103,7 +117,7 @@ def ext4(base, ops, start, k, rng):
     for i in range(start, k):
         op = ops[i]
         if op[0] != "write":
-            if i < committed:
+            if i < committed or _made_with(ops, i) and i - 1 < committed:
                 apply(tree, op)
             continue
         ino, offset, data = op[1], op[2], op[3]
@@ -123,6 +137,7 @@ def ext4(base, ops, start, k, rng):
 
 
 def posix(base, ops, start, k, rng):
+    k = _whole(ops, k)
     files, dirs = _last_flushes(ops, start, k)
     tree = base.copy()
     # Blocks freed by a deleted file may come back inside a file that grew without its
@@ -157,6 +172,7 @@ def posix(base, ops, start, k, rng):
                 stop = min(b, (pos // 512 + 1) * 512)
                 old = b"" if version.get((ino, pos // 512), 0) else stale[pos:stop]
                 out += old + bytes(stop - pos - len(old))
+                tree.shows_old_blocks |= any(old)
             return bytes(out)
         return fill
 
@@ -165,6 +181,10 @@ def posix(base, ops, start, k, rng):
         op = ops[i]
         if op[0] in NAME_OPS:
             if all(i < dirs.get(d, -1) for d in _dirs_of(op)) or rng.random() < 0.5:
+                apply(tree, op)
+            continue
+        if op[0] == "chmod":
+            if i < files.get(op[1], -1) or _made_with(ops, i) or rng.random() < 0.5:
                 apply(tree, op)
             continue
         if op[0] not in ("write", "trunc"):
@@ -203,8 +223,9 @@ BUILDERS = {"killed": killed, "ext4": ext4, "posix": posix}
 
 def crash_states(model, base, ops, start, want, seed, directory, limit):
     """Up to `want` crash states of ops[start:] that differ in the content of `directory`,
-    each as [crash point, files, returned]: `returned` when some draw after the last
-    operation (the call had returned SUCCESS) gave that content. The killed model has one state per point and takes them all; the others
+    each as [crash point, files, returned, modes, old blocks]: `returned` when some draw
+    after the last operation (the call had returned SUCCESS) gave that content, `old blocks`
+    when some draw that gave it showed blocks of a deleted file. The killed model has one state per point and takes them all; the others
     draw points and choices from a generator seeded with `seed`, a third of the draws after
     the last operation, where a lost change would be a lost SUCCESS, until `want` distinct
     states are found or `limit` draws are spent."""
@@ -212,17 +233,19 @@ def crash_states(model, base, ops, start, want, seed, directory, limit):
     end, seen, out = len(ops), {}, []
 
     def keep(k, tree):
-        files = tree.files(directory)
+        files, modes = tree.files(directory), tree.modes_of(directory)
         digest = hashlib.sha256()
         for name in sorted(files):
-            digest.update(b"%d %s %d\0" % (len(name), name.encode(), len(files[name])))
+            digest.update(b"%d %s %d %o\0" % (len(name), name.encode(), len(files[name]),
+                                               modes[name]))
             digest.update(files[name])
         key = digest.digest()
         if key not in seen:
             seen[key] = len(out)
-            out.append([k, files, k == end])
-        elif k == end:
-            out[seen[key]][2] = True
+            out.append([k, files, k == end, modes, tree.shows_old_blocks])
+        else:
+            out[seen[key]][2] |= k == end
+            out[seen[key]][4] |= tree.shows_old_blocks
 
     if model == "killed":
         for k in range(start, end + 1):

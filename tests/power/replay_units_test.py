@@ -35,7 +35,7 @@ TRACES = [
         'fdatasync(4) = 0',
         f'linkat(-100, {h("/proc/self/fd/4")}, 3, {h("photo.qob")}, 0x400) = 0',
         'fsync(3) = 0',
-    ], {"photo.qob": b"abc"}, ["tmpfile", "write", "fsync", "link", "dsync"]),
+    ], {"photo.qob": b"abc"}, ["tmpfile", "chmod", "write", "fsync", "link", "dsync"]),
     ("names relative to a directory descriptor, vectors, seeks, cuts, renames", [
         DIR,
         f'openat(3, {h("j")}, 0xc2, 0600) = 5',
@@ -45,19 +45,19 @@ TRACES = [
         f'pwritev(5, [{{iov_base={h("Z")}, iov_len=1}}], 1, 6) = 1',
         'ftruncate(5, 5) = 0',
         f'renameat2(3, {h("j")}, 3, {h("k")}, 0x1) = 0',
-    ], {"k": b"aXcd\0"}, ["create", "write", "write", "write", "trunc", "rename"]),
+    ], {"k": b"aXcd\0"}, ["create", "chmod", "write", "write", "write", "trunc", "rename"]),
     ("a duplicated descriptor shares the position; a short write keeps what was written", [
         f'openat(-100, {h("pkg/p")}, 0x42, 0644) = 5',
         f'write(5, {h("ab")}, 2) = 2',
         'dup(5) = 6',
         f'write(6, {h("cdef")}, 4) = 1',
-    ], {"p": b"abc"}, ["create", "write", "write"]),
+    ], {"p": b"abc"}, ["create", "chmod", "write", "write"]),
     ("an interrupted call resumed later; failed calls change nothing", [
         f'openat(-100, {h("pkg/p")}, 0x42, 0644 <unfinished ...>',
         '<... openat resumed>) = 5',
         f'unlink({h("pkg/q")}) = -1 ENOENT (No such file or directory)',
         f'write(5, {h("z")}, 1) = 1',
-    ], {"p": b"z"}, ["create", "write"]),
+    ], {"p": b"z"}, ["create", "chmod", "write"]),
     ("files outside the recorded tree are not recorded", [
         f'openat(-100, {h("/tmp/lock")}, 0x42, 0600) = 5',
         f'write(5, {h("pid")}, 3) = 3',
@@ -73,7 +73,8 @@ TRACES = [
         f'openat(3, {h("c")}, 0xc1, 0600) = 7',
         f'renameat(3, {h("a")}, 3, {h("b")}) = 0',
         f'unlinkat(3, {h("c")}, 0) = 0',
-    ], {"b": b"new"}, ["create", "write", "create", "write", "create", "rename", "unlink"]),
+    ], {"b": b"new"}, ["create", "chmod", "write", "create", "chmod", "write", "create", "chmod",
+                       "rename", "unlink"]),
 ]
 
 REFUSED = [
@@ -93,6 +94,15 @@ class TraceTest(unittest.TestCase):
                 recorder = parse(lines)
                 self.assertEqual(recorder.tree.files(D), files)
                 self.assertEqual([op[0] for op in recorder.ops], kinds)
+
+    def test_permissions(self):
+        # A file's mode is the one it was made with, less the umask, until changed.
+        recorder = parse(["umask(0x22) = 0x12",
+                          f'openat(-100, {h("pkg/a")}, 0xc1, 0666) = 5',
+                          f'openat(-100, {h("pkg/b")}, 0xc1, 0666) = 6',
+                          'fchmod(6, 0600) = 0',
+                          f'fchmodat(-100, {h("pkg/a")}, 0640) = 0'])
+        self.assertEqual(recorder.tree.modes_of(D), {"a": 0o640, "b": 0o600})
 
     def test_refused(self):
         for name, lines in REFUSED:
@@ -178,15 +188,30 @@ class ModelTest(unittest.TestCase):
                 results = [holds(f) for f in seen]
                 self.assertTrue(all(results) if always else any(results))
 
+    def test_first_mode_goes_with_the_file(self):
+        ops = [("create", D, "j", J, 0), ("chmod", J, 0o644, 0), ("write", J, 0, b"x", 0),
+               ("chmod", J, 0o640, 0)]
+        for model in BUILDERS:
+            rng = random.Random(3)
+            modes = set()
+            for k in range(len(ops) + 1):
+                for _ in range(20):
+                    mode = BUILDERS[model](scene(), ops, 0, k, rng).modes_of(D).get("j")
+                    if mode is not None:
+                        modes.add(mode)
+            with self.subTest(model):
+                self.assertLessEqual(modes, {0o644, 0o640})  # never one it was not given
+                self.assertIn(0o644, modes)
+
     def test_distinct_states_and_returned(self):
         ops = OVERWRITE + [("fsync", 1, 0), ("unlink", D, "p", 0)]
         states = crash_states("ext4", scene(), ops, 0, 50, 1, D, 500)
-        contents = [tuple(sorted(f.items())) for _, f, _ in states]
+        contents = [tuple(sorted(f.items())) for _, f, _, _, _ in states]
         self.assertEqual(len(contents), len(set(contents)))
         # The last operation is unflushed: it may be lost after the call returned.
-        self.assertTrue(any(returned and "p" in f for _, f, returned in states))
+        self.assertTrue(any(returned and "p" in f for _, f, returned, _, _ in states))
         killed = crash_states("killed", scene(), ops, 0, 50, 1, D, 500)
-        self.assertEqual([k for k, _, _ in killed], [0, 1, 3])  # 2: the flush changes nothing
+        self.assertEqual([k for k, _, _, _, _ in killed], [0, 1, 3])  # 2: the flush changes nothing
 
 
 if __name__ == "__main__":

@@ -13,6 +13,7 @@ import subprocess
 from dataclasses import dataclass, field
 
 TRACED = ("open,openat,creat,close,dup,dup2,dup3,fcntl,lseek,read,readv,pread64,write,writev,"
+          "umask,chmod,fchmod,fchmodat,"
           "pwrite64,pwritev,pwritev2,ftruncate,truncate,fsync,fdatasync,sync_file_range,"
           "rename,renameat,renameat2,link,linkat,unlink,unlinkat,chdir,fchdir,mkdir,mkdirat,"
           "copy_file_range,sendfile,fallocate,mmap")
@@ -33,6 +34,7 @@ MAP_SHARED, PROT_WRITE = 0x1, 0x2
 #   ("rename", dir, name, dir2, name2)
 #   ("link", ino, dir, name)
 #   ("unlink", dir, name)
+#   ("chmod", ino, mode)               also right after a create, with the mode it was made with
 
 
 class TraceError(Exception):
@@ -55,10 +57,13 @@ class Tree:
     names: dict = field(default_factory=dict)   # (dir, name) -> ino
     data: dict = field(default_factory=dict)    # ino -> bytearray
     next_ino: int = 1
+    modes: dict = field(default_factory=dict)   # ino -> permission bits
+    # Set by a crash model when a file shows blocks a deleted file left behind.
+    shows_old_blocks: bool = False
 
     def copy(self):
         return Tree(self.root, dict(self.names), {k: bytearray(v) for k, v in self.data.items()},
-                    self.next_ino)
+                    self.next_ino, dict(self.modes))
 
     def new_inode(self):
         ino = self.next_ino
@@ -78,9 +83,14 @@ class Tree:
                 with open(path, "rb") as f:
                     self.data[ino] = bytearray(f.read())
                 self.names[(directory, name)] = ino
+                self.modes[ino] = os.stat(path).st_mode & 0o7777
 
     def files(self, directory):
         return {name: bytes(self.data[ino]) for (d, name), ino in self.names.items()
+                if d == directory}
+
+    def modes_of(self, directory):
+        return {name: self.modes.get(ino, 0o600) for (d, name), ino in self.names.items()
                 if d == directory}
 
 
@@ -118,6 +128,8 @@ def apply(tree, op):
         tree.names[(op[2], op[3])] = op[1]
     elif kind == "unlink":
         return tree.names.pop((op[1], op[2]), None) is not None
+    elif kind == "chmod":
+        tree.modes[op[1]] = op[2]
     return True
 
 
@@ -166,6 +178,8 @@ class Recorder:
         self.tree = tree
         self.ops = []
         self.segment = 0
+        self.umask = os.umask(0o022)  # what the traced processes inherit
+        os.umask(self.umask)
 
     def run(self, argv, cwd, env):
         """Runs argv under strace; returns its exit status and records its operations."""
@@ -182,7 +196,7 @@ class Recorder:
         return status
 
     def parse(self, lines, cwd):
-        fds, self.cwd, pending = {}, cwd, {}
+        fds, self.cwd, pending, self.mask = {}, cwd, {}, self.umask
         for raw in lines:
             pid, _, rest = raw.partition(" ")
             if rest.endswith("<unfinished ...>"):
@@ -246,11 +260,13 @@ class Recorder:
                 a = ["-100", a[0], hex(O_CREAT | O_TRUNC | 1)] + a[1:]
             dirfd, flags = _int(a[0]), _int(a[2])
             d, base, full = self._path(fds, dirfd, _string(a[1]))
+            mode = (_int(a[3]) if len(a) > 3 else 0) & ~self.mask & 0o7777
             if flags & O_TMPFILE_BIT:
                 ino = t.new_inode() if t.tracked(full) else None
                 fds[result] = OpenFile(full, ino, False, False)
                 if ino is not None:
                     self._emit("tmpfile", ino)
+                    self._emit("chmod", ino, mode)
                 return
             is_dir = bool(flags & O_DIRECTORY) or os.path.isdir(full) and (d, base) not in t.names
             ino = None
@@ -261,6 +277,7 @@ class Recorder:
                         raise TraceError(f"opened {full}, which the recording never saw made")
                     ino = t.new_inode()
                     self._emit("create", d, base, ino)
+                    self._emit("chmod", ino, mode)
                 elif flags & O_TRUNC and flags & O_ACCMODE and t.data[ino]:
                     self._emit("trunc", ino, 0)
             fds[result] = OpenFile(full, ino, is_dir, bool(flags & O_APPEND))
@@ -331,6 +348,18 @@ class Recorder:
             d, base, _ = self._path(fds, _int(a[0]), _string(a[1]))
             if (d, base) in t.names:
                 self._emit("unlink", d, base)
+        elif name == "umask":
+            self.mask = _int(a[0])
+        elif name in ("chmod", "fchmod", "fchmodat"):
+            if name == "fchmod":
+                ino = self._file(fds, _int(a[0]))
+            else:
+                if name == "chmod":
+                    a = ["-100"] + a
+                d, base, _ = self._path(fds, _int(a[0]), _string(a[1]))
+                ino = t.names.get((d, base))
+            if ino is not None:
+                self._emit("chmod", ino, _int(a[-1] if name != "fchmodat" else a[2]) & 0o7777)
         elif name == "chdir":
             self.cwd = os.path.normpath(os.path.join(self.cwd, _string(a[0]).decode()))
         elif name == "fchdir":
