@@ -11,8 +11,9 @@ it. Three models, from the kindest to the harshest:
   independently holds any one of the versions it had since the file's last flush (the first
   being its old bytes); a file's size is any of the sizes it had since its last flush; a
   sector that the size covers but that never reached the device reads as zeros, or as
-  whatever a deleted file left in that block; a change to a directory (a new name, a rename, an unlink) survives only if the
-  directory was flushed after it, and otherwise each one is kept or lost on its own.
+  whatever a deleted file left in that block; a change to a directory (a new name, a
+  rename, an unlink) survives only if the directory was flushed after it, and otherwise
+  each one is kept or lost on its own.
 
 Operations and the tree come from strace_ops. Every crash state is a Tree; the operations
 recorded before `start` (the calls that set the scene) are taken as durable."""
@@ -225,10 +226,11 @@ def crash_states(model, base, ops, start, want, seed, directory, limit):
     """Up to `want` crash states of ops[start:] that differ in the content of `directory`,
     each as [crash point, files, returned, modes, old blocks]: `returned` when some draw
     after the last operation (the call had returned SUCCESS) gave that content, `old blocks`
-    when some draw that gave it showed blocks of a deleted file. The killed model has one state per point and takes them all; the others
-    draw points and choices from a generator seeded with `seed`, a third of the draws after
-    the last operation, where a lost change would be a lost SUCCESS, until `want` distinct
-    states are found or `limit` draws are spent."""
+    when some draw that gave it showed blocks of a deleted file. The killed model has one
+    state per point and takes them all; the others draw points and choices from a generator
+    seeded with `seed`, a third of the draws after the last operation, where a lost change
+    would be a lost SUCCESS, until `want` distinct states are found or `limit` draws are
+    spent."""
     rng = random.Random(seed)
     end, seen, out = len(ops), {}, []
 
