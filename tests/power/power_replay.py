@@ -53,7 +53,8 @@ def inputs(directory, seed):
 
 def scenarios(i):
     """(name, calls that set the scene, the call replayed). Paths are relative to the
-    scenario's directory, where the package lives in pkg/."""
+    scenario's directory, where the package lives in pkg/. A scene given as (call, point)
+    is that earlier call's folder as a killed process left it at that point."""
     p = "pkg/" + PKG
     create = ["create", p, "--raw", i[RAW], "--settings", i["s0.xmp"], "--proxy",
               i["proxy.jpg"], "--lcc", "WIDE=" + i["wide.lcc"], "--mask", i["mask.msk"]]
@@ -68,7 +69,8 @@ def scenarios(i):
         ("add profile", scene, ["update", p, "--lcc", "TELE=" + i["tele.lcc"]]),
         ("remove proxy", scene, ["rm", p, proxy]),
         ("remove raw image", scene, ["rm", p, RAW, "--force"]),
-        ("interrupted recovery", None, ["verify", p]),
+        ("interrupted recovery", ("update in place", "undo"), ["verify", p]),
+        ("interrupted completion", ("remove proxy", "cut"), ["verify", p]),
     ]
 
 
@@ -193,7 +195,7 @@ def replay(runner, rec, ops, args, models):
     """Checks every sampled state; returns {model: counts} and the first bad states."""
     reference = {"old": runner.outcome(rec.before, rec.before_modes),
                  "new": runner.outcome(rec.after, rec.after_modes)}
-    if rec.name == "interrupted recovery":
+    if rec.name.startswith("interrupted"):
         reference["old"] = reference["new"]  # the interrupted state itself is no package
     results, bad = {}, []
     for index, model in enumerate(models):
@@ -273,12 +275,14 @@ def main():
         files = inputs(tempfile.mkdtemp(dir=work, prefix="inputs-"), args.seed)
         recordings, baseline, known_seen = {}, {}, 0
         for name, scene, call in scenarios(files):
-            if args.only and args.only not in name and name != "update in place":
-                continue
             started = time.monotonic()
-            if scene is None:
-                preload = interrupted(recordings["update in place"])
-                rec = Recording(runner, name, None, call, preload)
+            if isinstance(scene, tuple):
+                source = recordings[scene[0]]
+                rec = Recording(runner, name, None, call, interrupted(source, scene[1]))
+                # The second recovery must end where the first would have.
+                wanted = source.before if scene[1] == "undo" else source.after
+                if rec.after.get(PKG) != wanted.get(PKG):
+                    failures.append(f"{name}: the recovered package is not the one expected")
             else:
                 rec = Recording(runner, name, scene, call)
             recordings[name] = rec
@@ -300,9 +304,6 @@ def main():
             known_seen += sum(r["bad old blocks"] + r["lost old blocks"]
                               for r in results.values())
             baseline[name] = results
-            if name == "interrupted recovery" and \
-                    rec.after.get(PKG) != recordings["update in place"].before.get(PKG):
-                failures.append(f"{name}: the package is not the one before the update")
         if args.known_old_blocks and not known_seen and not args.only:
             failures.append("--known-old-blocks, but no bad state shows old blocks: drop it")
         if not args.no_self_test:
@@ -335,18 +336,23 @@ def verdict(name, results, known_old_blocks):
     return failures
 
 
-def interrupted(rec):
-    """The update's directory as a killed process leaves it after overwriting the package and
-    before deleting the journal: a recovery then has every region to put back."""
-    tree, pkg, last = rec.base.copy(), None, None
+def interrupted(rec, point):
+    """A call's folder as a killed process leaves it. "undo": after the last write to the
+    package while the journal is there and before the package's flush (which comes before
+    the closing record), so that a recovery has every region to put back. "cut": just before the package is cut to its new
+    length, the closing record written, so that a recovery completes the change."""
+    tree, pkg, last, flushed = rec.base.copy(), None, None, False
     for op in rec.ops[rec.start:]:
-        apply(tree, op)
+        journal = {i for (d, n), i in tree.names.items() if n.endswith("-journal")}
         pkg = pkg or tree.names.get((rec.pkg, PKG))
-        if op[0] == "write" and op[1] == pkg and any(
-                n.endswith("-journal") for (d, n) in tree.names):
-            last = tree.files(rec.pkg)  # the latest: the most for the recovery to undo
+        if point == "cut" and op[0] == "trunc" and op[1] == pkg and journal:
+            return tree.files(rec.pkg)
+        flushed |= op[0] == "fsync" and op[1] == pkg
+        apply(tree, op)
+        if point == "undo" and op[0] == "write" and op[1] == pkg and journal and not flushed:
+            last = tree.files(rec.pkg)
     if last is None:
-        raise SystemExit("the update never wrote its package while its journal was there")
+        raise SystemExit(f"{rec.name}: no such point ({point}) in the recording")
     return last
 
 
