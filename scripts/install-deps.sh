@@ -10,6 +10,7 @@ packages=(
   util-linux clang lld llvm # clang and lld: the MSVC-mode host of the Windows suite, qob.lib
   libcli11-dev nlohmann-json3-dev # the tool's arguments and JSON (header-only)
   doxygen dpkg-dev tmux # reference docs; cpack -G DEB; the tool's progress bar on a terminal
+  strace # the power-loss replay records each changing call's system calls
 )
 if [[ "${QOB_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(libclang-rt-14-dev)
