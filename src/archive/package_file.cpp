@@ -104,7 +104,14 @@ void PackageFile::Open(Purpose purpose) {
         stream_.reset(Platform::FileOpenIn(folder_.get(), name_, Platform::OpenAs::Read, error));
     }
     if (!stream_) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
+        // Where a folder stands in the package's place (Windows opens none), say so.
+        Platform::FileFacts there;
+        int ignored = 0;
+        const bool folder = Platform::FileFactsIn(folder_.get(), name_, there, ignored) &&
+                            !there.regular && writeError == error;
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive",
+                        folder ? std::make_error_code(std::errc::is_a_directory) : Cause(error),
+                        shown_);
     }
     if (!Platform::FileFactsOf(stream_.get(), facts_, error)) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
