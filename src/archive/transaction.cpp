@@ -61,7 +61,7 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
                             Platform::SystemError(error), file_->Shown());
         }
         // Locked before it has a name: nobody can open it as a package before it is whole.
-        stagedLock_ = Platform::FileLockOn(staged_.get(), true);
+        stagedLock_.reset(Platform::FileLockOn(staged_.get(), true));
     }
     Registry()[key_] = this;
     owner_ = true;
@@ -75,7 +75,6 @@ Transaction::~Transaction() {
         RollBack();
     }
     Registry().erase(key_);
-    Platform::FileLockRelease(stagedLock_);
 }
 
 Transaction* Transaction::Find(const std::filesystem::path& package) {

@@ -143,7 +143,7 @@ TEST(JournalTrust, JournalsThatDoNotBelongAreRefusedOrDropped) {
              std::error_code error;
              fs::create_hard_link(first, j, error);
              if (error) {
-                 WriteFile(j, JournalOf(p, "p.qob", 7)); // no hard links here: one link, applies
+                 fs::rename(first, j);
              }
          },
          "more than one link"},
@@ -159,11 +159,12 @@ TEST(JournalTrust, JournalsThatDoNotBelongAreRefusedOrDropped) {
         ASSERT_EQ(CreatePackage(package), SUCCESS);
         const std::string before = ReadFile(package);
         row.plant(journal, before);
-        const bool linked = std::string(row.name).find("second link") != std::string::npos &&
-                            fs::hard_link_count(journal, ignored) < 2;
+        // Where the file system has no hard links the row plants a lone journal, which applies.
+        const bool lone = std::string(row.name).find("second link") != std::string::npos &&
+                          !fs::exists(dir / "kept-journal");
         LogCapture log(&QOB_SetLogFn);
         const QobErrorCode_e result = QOB_IsQob(package.string().c_str());
-        if (row.refused == nullptr || linked) {
+        if (row.refused == nullptr || lone) {
             EXPECT_EQ(result, SUCCESS);
             EXPECT_FALSE(fs::exists(journal));
             EXPECT_TRUE(ReadFile(package) == before);
