@@ -66,7 +66,6 @@ PackageFile::PackageFile(const std::filesystem::path& path, Purpose purpose)
 
 PackageFile::~PackageFile() {
     overlay_.reset();
-    Platform::FileLockRelease(lock_);
 }
 
 void PackageFile::Open(Purpose purpose) {
@@ -124,15 +123,14 @@ void PackageFile::Open(Purpose purpose) {
 }
 
 void PackageFile::Lock(bool exclusive) {
-    if (lock_ == nullptr) {
-        lock_ = Platform::FileLockOn(stream_.get(), exclusive);
-        if (lock_ == nullptr) {
+    if (!lock_) {
+        lock_.reset(Platform::FileLockOn(stream_.get(), exclusive));
+        if (!lock_) {
             throw Exception(CANNOT_OPEN_FILE_PCK,
                             Format("cannot lock package \"%s\"", shown_.c_str()), {}, shown_);
         }
-    } else if (exclusive != exclusive_ && !Platform::FileLockConvert(lock_, exclusive)) {
-        Platform::FileLockRelease(lock_);
-        lock_ = nullptr;
+    } else if (exclusive != exclusive_ && !Platform::FileLockConvert(lock_.get(), exclusive)) {
+        lock_.reset();
         throw Exception(CANNOT_OPEN_FILE_PCK, Format("cannot lock package \"%s\"", shown_.c_str()),
                         {}, shown_);
     }

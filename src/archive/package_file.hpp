@@ -19,6 +19,13 @@ struct FolderCloser {
 };
 using FolderPtr = std::unique_ptr<Platform::Folder, FolderCloser>;
 
+// Releases a package lock; a member, so that a constructor that throws after taking the lock
+// (a journal refused) neither keeps it nor leaks its descriptor.
+struct FileLockReleaser {
+    void operator()(Platform::FileLock* lock) const noexcept { Platform::FileLockRelease(lock); }
+};
+using FileLockPtr = std::unique_ptr<Platform::FileLock, FileLockReleaser>;
+
 class PackageLock;
 
 class PackageFile {
@@ -69,7 +76,7 @@ private:
     StreamPtr stream_;
     Platform::FileFacts facts_;
     bool writable_ = false;
-    Platform::FileLock* lock_ = nullptr;
+    FileLockPtr lock_;
     bool exclusive_ = false;
     // A journal that this caller may not apply, laid over the package for reading.
     std::unique_ptr<Journal> overlay_;
