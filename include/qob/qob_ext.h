@@ -1,5 +1,6 @@
-/*
- * qob extensions: what a host needs beside the ten package calls of qob.h.
+/**
+ * @file qob_ext.h
+ * @brief qob extensions: what a host needs beside the ten package calls of qob.h.
  *
  * Every function here is exported with C linkage under the QOBX_ prefix. The calls that take a
  * package run in the same frame as the ten (the same locks, log lines and result codes) and,
@@ -25,9 +26,13 @@ extern "C" {
 /** @name Version
  *  The version of the headers a host was compiled with; QOBX_Version gives the library's. */
 /** @{ */
+/** Major version: a library of the same major version runs every host built for it. */
 #define QOB_VERSION_MAJOR 0
+/** Minor version of the headers. */
 #define QOB_VERSION_MINOR 2
+/** Patch version of the headers. */
 #define QOB_VERSION_PATCH 0
+/** The three numbers as "MAJOR.MINOR.PATCH", the form QOBX_Version returns. */
 #define QOB_VERSION_STRING "0.2.0"
 /** @} */
 
@@ -80,19 +85,36 @@ typedef struct QOBX_EntryStat {
 
 #pragma pack(pop)
 
-/** The library's version, "MAJOR.MINOR.PATCH"; a static string. */
+/**
+ * The library's version, to compare with QOB_VERSION_STRING.
+ * @return "MAJOR.MINOR.PATCH"; a static string, never null
+ */
 QOB_API const char* QOBX_Version(void);
 
-/** Copies the calling thread's last-error record into error (when not null); returns its code. */
+/**
+ * Copies the calling thread's last-error record.
+ * @param error where the record is copied; null to get only the code
+ * @return the record's code, SUCCESS when the last call succeeded
+ */
 QOB_API QobErrorCode_e QOBX_LastError(QOBX_Error* error);
 
-/** The name of a result code ("CANNOT_READ_FILE_PCK"); "UNKNOWN" for a value outside the list. */
+/**
+ * The name of a result code.
+ * @param code a QobErrorCode_e value
+ * @return its name ("CANNOT_READ_FILE_PCK"), "UNKNOWN" for a value outside the list; a static
+ *         string
+ */
 QOB_API const char* QOBX_CodeName(int32_t code);
 
 /**
  * Lists every zip entry of a package in central-directory order. With capacity 0 (entries may
  * be null) it only sets *count; otherwise it fills min(capacity, count) records and sets *count
  * to the total, so a second call with a large enough array gets them all.
+ * @param szPackagePath the package, UTF-8
+ * @param entries the host's array of capacity records; may be null when capacity is 0
+ * @param capacity how many records entries holds
+ * @param count set to the number of entries in the package
+ * @return SUCCESS, or the code of the failure (QOBX_LastError tells why)
  */
 QOB_API QobErrorCode_e QOBX_ListEntries(const char* szPackagePath, QOBX_EntryStat* entries,
                                         uint32_t capacity, uint32_t* count);
@@ -105,6 +127,13 @@ QOB_API QobErrorCode_e QOBX_ListEntries(const char* szPackagePath, QOBX_EntrySta
  * entry (zero padding included), so streaming an entry costs one extra pass. Other reads of a
  * stored entry go straight to their bytes; reading a deflated entry from an offset costs time
  * in proportion to the offset.
+ * @param szPackagePath the package, UTF-8
+ * @param szEntryName the entry's name as QOBX_ListEntries gives it
+ * @param offset where to start in the entry's content
+ * @param buffer the host's buffer of at least size bytes
+ * @param size how many bytes to read at most
+ * @param read set to the number of bytes read
+ * @return SUCCESS, or the code of the failure (QOBX_LastError tells why)
  */
 QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szEntryName,
                                       uint64_t offset, void* buffer, uint32_t size, uint32_t* read);
@@ -112,23 +141,34 @@ QOB_API QobErrorCode_e QOBX_ReadEntry(const char* szPackagePath, const char* szE
 /**
  * The most detailed level (0 FATAL ... 5 TRACE) the built-in sink prints; lines of a higher
  * level are dropped. The default, 5, prints every line. A host's own sink gets every line.
+ * @param level 0 FATAL, 1 ERROR, 2 WARN, 3 INFO, 4 DEBUG or 5 TRACE
  */
 QOB_API void QOBX_SetLogLevel(int32_t level);
+
+/**
+ * A progress function, called from inside a long call on the host's thread.
+ * @param done bytes done so far
+ * @param total bytes in all
+ * @param user the value given to QOBX_SetProgressFn
+ */
+typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
 
 /**
  * Progress of long work on the calling thread: fn is called from inside the call with the
  * bytes done and the bytes in all (a create's contents, an extraction's files, the bytes a
  * removal moves), at most a few times a second, and once more with done equal to the total
- * when the work is complete. A null fn turns it off. Per thread. fn must not call the library:
- * the call it reports on holds the package's locks.
+ * when the work is complete. Per thread. fn must not call the library: the call it reports on
+ * holds the package's locks.
+ * @param fn the function to call; null turns progress off
+ * @param user passed back to fn unchanged
  */
-typedef void (*QOBX_ProgressFn)(uint64_t done, uint64_t total, void* user);
 QOB_API void QOBX_SetProgressFn(QOBX_ProgressFn fn, void* user);
 
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
 
+/** @cond QOB_INTERNAL */
 /* The record layout is ABI: pin every size and offset. */
 #ifdef __cplusplus
 #define QOBX_STATIC_ASSERT(c, m) static_assert(c, m)
@@ -153,5 +193,6 @@ QOBX_CHECK_OFFSET(QOBX_EntryStat, reserved, 1060);
 QOBX_CHECK_OFFSET(QOBX_EntryStat, unixTime, 1064);
 #undef QOBX_CHECK_OFFSET
 #undef QOBX_STATIC_ASSERT
+/** @endcond */
 
 #endif /* QOB_QOB_EXT_H */

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <thread>
@@ -396,6 +397,31 @@ TEST(AtomicCalls, ChangeWaitsForAnotherHolderOfThePackage) {
 }
 
 #ifndef _WIN32
+
+std::size_t OpenDescriptors() {
+    const auto entries = fs::directory_iterator("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(fs::begin(entries), fs::end(entries)));
+}
+
+// A read that refuses a journal fails after it has locked the package: it must let go of the
+// lock and its descriptor, or the next change of this process waits for itself forever.
+TEST(AtomicCalls, RefusedJournalLeavesNoLockBehind) {
+    TempDir dir;
+    const fs::path package = dir / "p.qob";
+    ASSERT_EQ(Create(package), SUCCESS);
+    const std::string magic("QOBJRNL\0", 8);
+    const std::string versionOne = magic + std::string("\1\0\0\0", 4) + std::string(8, '\0');
+    const std::string damaged = magic + std::string("\2\0\0\0", 4) + std::string(36, '\0');
+    for (const std::string& journal : {versionOne, damaged}) {
+        WriteFile(Beside(package, "-journal"), journal);
+        const std::size_t open = OpenDescriptors();
+        EXPECT_NE(QOB_IsQob(package.string().c_str()), SUCCESS);
+        ASSERT_EQ(OpenDescriptors(), open);
+    }
+    fs::remove(Beside(package, "-journal"));
+    EXPECT_EQ(QOB_RemoveEntry(package.string().c_str(), "Quillmarsh/Cache/Proxies/IMG_1.CR3.jpg"),
+              SUCCESS);
+}
 
 // Runs op in a child that ends itself at the exitAt-th write, seek or truncate (0: never).
 pid_t RunInChild(const Operation& op, const fs::path& package, long exitAt) {

@@ -12,6 +12,8 @@ trap 'rm -rf "$work"' EXIT
 [ ! -s "$work/log" ] || fail "the headers give warnings: $(cat "$work/log")"
 [ -f "$work/out/html/index.html" ] || fail "no index.html"
 [ -f "$work/out/html/qob_8h.html" ] || fail "no page for qob.h"
+grep -q QOBX_SetProgressFn "$work/out/html/qob__ext_8h.html" 2>/dev/null ||
+  fail "no page for qob_ext.h, or it leaves out QOBX_SetProgressFn"
 
 mkdir "$work/extra"
 printf '/** @file extra.h\n * @brief x */\nint undocumented(int a);\n' > "$work/extra/extra.h"
