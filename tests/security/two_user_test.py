@@ -576,23 +576,27 @@ class Concurrent(unittest.TestCase):
         self.assertNotIn('read', other.output.split())
 
     def test_a_failed_update_leaves_its_record_and_no_journal(self):
-        """Disk full at every stage of an update, in place or growing the package: it either
-        succeeds, or fails leaving the package, the host's record and the folder as they were."""
+        """Disk full at every stage of an update, in place or growing the package, by its owner
+        and by another user who may write it only because everyone may: it either succeeds, or
+        fails leaving the package, the host's record and the folder as they were."""
         World.reset()
         big = SOURCES / 'big.xml'
         full = HOME / 'full'
         full.mkdir()
         failures = 0
-        for settings, most, step in ((SOURCES / 'new.xml', 32 << 10, 4 << 10),
-                                     (big, 640 << 10, 16 << 10)):
+        for settings, most, step, who, mode in ((SOURCES / 'new.xml', 32 << 10, 4 << 10, OWNER,
+                                                 0o644),
+                                                (big, 640 << 10, 16 << 10, OWNER, 0o644),
+                                                (big, 640 << 10, 64 << 10, OTHER, 0o666)):
             for room in range(0, most, step):
-                with self.subTest(settings=settings.name, room=room):
+                with self.subTest(settings=settings.name, room=room, who=who):
                     self.assertTrue(private_namespace.mount(
                         '-t', 'tmpfs', '-o', f'size={len(BYTES["P0"]) + (1 << 20)}', 'tmpfs',
                         str(full)))
                     try:
                         os.chown(full, OWNER, OWNER)
-                        target = place(full / NAME, BYTES['P0'], OWNER, 0o644)
+                        full.chmod(0o1777)
+                        target = place(full / NAME, BYTES['P0'], OWNER, mode)
                         filler = full / 'filler'
                         with open(filler, 'wb', buffering=0) as f:
                             try:
@@ -601,7 +605,7 @@ class Concurrent(unittest.TestCase):
                             except OSError:
                                 pass
                         os.truncate(filler, max(filler.stat().st_size - room, 0))
-                        done = call(OWNER, 'update', target, settings)
+                        done = call(who, 'update', target, settings)
                         self.assertEqual(sorted(os.listdir(full)), ['filler', NAME])
                         if done.code == 0:
                             continue
