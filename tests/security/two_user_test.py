@@ -542,6 +542,27 @@ class Concurrent(unittest.TestCase):
                 self.assertTrue(seen and set(seen) <= {0, PACKAGE_NOT_FOUND}, seen)
                 self.assertEqual(os.listdir(STICKY), [])
 
+    def test_create_while_a_group_member_swaps_the_staging_file(self):
+        """Without unnamed files, a group member can rename the owner's staging file away and
+        put a file of theirs under its name: the package that gets the name is still the one
+        the owner wrote."""
+        target = SHARED / 'swap.qob'
+        spot = f'{SHARED}/.swap.qob.*.partial'
+        loop = (f'while [ ! -e {STOP} ]; do for f in {spot}; do if [ -f "$f" ] && '
+                f'[ ! -O "$f" ] && mv -f "$f" "$f.kept" 2>/dev/null; then : > "$f"; '
+                f'chmod 666 "$f"; fi; done; done')
+        World.reset()
+        with Background(OTHER, loop) as other:
+            for _ in other.rounds():
+                made = call(OWNER, 'create', target, SOURCES / 'raw.iiq', SOURCES / 'old.xml',
+                            env={'QOB_TEST_NO_TMPFILE': '1'})
+                if made.code == 0:
+                    self.assertEqual(describe(target)[2], OWNER, 'the package is not the owner\'s')
+                    self.assertEqual(call(OWNER, 'info', target).settings, OLD_SETTINGS)
+                    target.unlink()
+                self.assertFalse(target.exists())
+        self.assertTrue([n for n in os.listdir(SHARED) if n.endswith('.kept')], 'never swapped')
+
     def test_update_while_the_other_user_reads_or_creates(self):
         for operations, answers in ((['info'], {0}), (['create'], {ALREADY_EXISTS}),
                                     (['info', 'create'], {0, ALREADY_EXISTS})):
