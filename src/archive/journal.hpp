@@ -55,6 +55,8 @@ public:
     // Deletes the journal, which this writer made (named or not); false when it could not.
     bool Remove() noexcept;
     std::size_t Records() const noexcept { return records_; }
+    // The journal file this writer made.
+    const Platform::FileFacts& Facts() const noexcept { return facts_; }
 
 private:
     void Put(const void* bytes, std::uint32_t size);
@@ -123,9 +125,13 @@ struct JournalLookup {
 
 // Looks for the journal of the package `name` in folder and proves it belongs, reading the
 // package through packageStream. A journal that fails a check throws CANNOT_READ_FILE_PCK
-// with `journal "<shown>" refused: <check>`; it is neither applied nor deleted.
+// with `journal "<shown>" refused: <check>`; it is neither applied nor deleted. A journal that
+// is the file `ours` (the caller's own, rolling back its failed change) need not prove who
+// made it: a caller who may write the package but is neither its owner nor in its group
+// must still undo what it did.
 JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
                           const std::string& shownFolder, void* packageStream,
-                          const Platform::FileFacts& package);
+                          const Platform::FileFacts& package,
+                          const Platform::FileFacts* ours = nullptr);
 
 } // namespace QOB

@@ -256,7 +256,7 @@ public:
 
 JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
                           const std::string& shownFolder, void* packageStream,
-                          const Platform::FileFacts& package) {
+                          const Platform::FileFacts& package, const Platform::FileFacts* ours) {
     JournalLookup lookup;
     const std::string journalName = JournalName(name);
     const std::string shown = shownFolder.empty() ? journalName : shownFolder + "/" + journalName;
@@ -277,7 +277,9 @@ JournalLookup FindJournal(Platform::Folder* folder, const std::string& name,
     if (!Platform::FileFactsOf(stream.get(), facts, error)) {
         Refuse(shown, "cannot be examined", error);
     }
-    CheckWho(shown, facts, package);
+    if (ours == nullptr || ours->device != facts.device || ours->inode != facts.inode) {
+        CheckWho(shown, facts, package);
+    }
     std::array<std::uint8_t, JF::kHeaderSize> bytes{};
     const auto available =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(facts.size, JF::kHeaderSize));

@@ -418,6 +418,7 @@ void Transaction::RollBack() noexcept {
             }
             return; // the package was never touched
         }
+        const Platform::FileFacts ours = journal_->Facts();
         journal_.reset();
         Platform::FileFacts facts;
         int error = 0;
@@ -425,7 +426,7 @@ void Transaction::RollBack() noexcept {
             return;
         }
         JournalLookup lookup = FindJournal(file_->Folder(), file_->Name(), file_->ShownFolder(),
-                                           file_->Stream(), facts);
+                                           file_->Stream(), facts, &ours);
         if (lookup.state == JournalState::Found) {
             Repair(*file_, *lookup.journal, false);
         }

@@ -237,6 +237,27 @@ FileStream* FileCreateStaged(Folder* folder, const std::string& name, std::strin
     return nullptr;
 }
 
+namespace {
+
+// A staging name is only a name: in a folder that others may write, they can rename the file
+// away and put theirs under it before it is moved. Whatever got the name must be the file
+// behind the descriptor; a stranger's is taken off the name again and the move fails.
+MoveResult Ours(FileStream* stream, Folder* folder, const std::string& name, int& error) noexcept {
+    FileFacts ours;
+    FileFacts named;
+    if (!FileFactsOf(stream, ours, error) || !FileFactsIn(folder, name, named, error)) {
+        return MoveResult::Failed;
+    }
+    if (named.device == ours.device && named.inode == ours.inode) {
+        return MoveResult::Moved;
+    }
+    FileRemoveIn(folder, name, named, error);
+    error = ESTALE;
+    return MoveResult::Failed;
+}
+
+} // namespace
+
 MoveResult FileGiveName(FileStream* stream, Folder* folder, const std::string& staging,
                         const std::string& name, int& error) noexcept {
     if (staging.empty()) {
@@ -251,7 +272,7 @@ MoveResult FileGiveName(FileStream* stream, Folder* folder, const std::string& s
     }
 #ifdef RENAME_NOREPLACE
     if (::renameat2(folder->fd, staging.c_str(), folder->fd, name.c_str(), RENAME_NOREPLACE) == 0) {
-        return MoveResult::Moved;
+        return Ours(stream, folder, name, error);
     }
     error = errno;
     if (error == EEXIST) {
@@ -267,7 +288,7 @@ MoveResult FileGiveName(FileStream* stream, Folder* folder, const std::string& s
         return error == EEXIST ? MoveResult::TargetExists : MoveResult::Failed;
     }
     ::unlinkat(folder->fd, staging.c_str(), 0);
-    return MoveResult::Moved;
+    return Ours(stream, folder, name, error);
 }
 
 std::uint32_t CallerUser() noexcept {

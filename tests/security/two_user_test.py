@@ -542,6 +542,27 @@ class Concurrent(unittest.TestCase):
                 self.assertTrue(seen and set(seen) <= {0, PACKAGE_NOT_FOUND}, seen)
                 self.assertEqual(os.listdir(STICKY), [])
 
+    def test_create_while_a_group_member_swaps_the_staging_file(self):
+        """Without unnamed files, a group member can rename the owner's staging file away and
+        put a file of theirs under its name: the package that gets the name is still the one
+        the owner wrote."""
+        target = SHARED / 'swap.qob'
+        spot = f'{SHARED}/.swap.qob.*.partial'
+        loop = (f'while [ ! -e {STOP} ]; do for f in {spot}; do if [ -f "$f" ] && '
+                f'[ ! -O "$f" ] && mv -f "$f" "$f.kept" 2>/dev/null; then : > "$f"; '
+                f'chmod 666 "$f"; fi; done; done')
+        World.reset()
+        with Background(OTHER, loop) as other:
+            for _ in other.rounds():
+                made = call(OWNER, 'create', target, SOURCES / 'raw.iiq', SOURCES / 'old.xml',
+                            env={'QOB_TEST_NO_TMPFILE': '1'})
+                if made.code == 0:
+                    self.assertEqual(describe(target)[2], OWNER, 'the package is not the owner\'s')
+                    self.assertEqual(call(OWNER, 'info', target).settings, OLD_SETTINGS)
+                    target.unlink()
+                self.assertFalse(target.exists())
+        self.assertTrue([n for n in os.listdir(SHARED) if n.endswith('.kept')], 'never swapped')
+
     def test_update_while_the_other_user_reads_or_creates(self):
         for operations, answers in ((['info'], {0}), (['create'], {ALREADY_EXISTS}),
                                     (['info', 'create'], {0, ALREADY_EXISTS})):
@@ -576,23 +597,27 @@ class Concurrent(unittest.TestCase):
         self.assertNotIn('read', other.output.split())
 
     def test_a_failed_update_leaves_its_record_and_no_journal(self):
-        """Disk full at every stage of an update, in place or growing the package: it either
-        succeeds, or fails leaving the package, the host's record and the folder as they were."""
+        """Disk full at every stage of an update, in place or growing the package, by its owner
+        and by another user who may write it only because everyone may: it either succeeds, or
+        fails leaving the package, the host's record and the folder as they were."""
         World.reset()
         big = SOURCES / 'big.xml'
         full = HOME / 'full'
         full.mkdir()
         failures = 0
-        for settings, most, step in ((SOURCES / 'new.xml', 32 << 10, 4 << 10),
-                                     (big, 640 << 10, 16 << 10)):
+        for settings, most, step, who, mode in ((SOURCES / 'new.xml', 32 << 10, 4 << 10, OWNER,
+                                                 0o644),
+                                                (big, 640 << 10, 16 << 10, OWNER, 0o644),
+                                                (big, 640 << 10, 64 << 10, OTHER, 0o666)):
             for room in range(0, most, step):
-                with self.subTest(settings=settings.name, room=room):
+                with self.subTest(settings=settings.name, room=room, who=who):
                     self.assertTrue(private_namespace.mount(
                         '-t', 'tmpfs', '-o', f'size={len(BYTES["P0"]) + (1 << 20)}', 'tmpfs',
                         str(full)))
                     try:
                         os.chown(full, OWNER, OWNER)
-                        target = place(full / NAME, BYTES['P0'], OWNER, 0o644)
+                        full.chmod(0o1777)
+                        target = place(full / NAME, BYTES['P0'], OWNER, mode)
                         filler = full / 'filler'
                         with open(filler, 'wb', buffering=0) as f:
                             try:
@@ -601,7 +626,7 @@ class Concurrent(unittest.TestCase):
                             except OSError:
                                 pass
                         os.truncate(filler, max(filler.stat().st_size - room, 0))
-                        done = call(OWNER, 'update', target, settings)
+                        done = call(who, 'update', target, settings)
                         self.assertEqual(sorted(os.listdir(full)), ['filler', NAME])
                         if done.code == 0:
                             continue
