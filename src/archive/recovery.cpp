@@ -37,7 +37,9 @@ void Repair(PackageFile& file, Journal& journal, bool announce) {
             done += round;
         }
     }
-    if (target.Truncate(static_cast<std::uint32_t>(journal.Length())) != 0) {
+    // Packages end below 4 GiB; a longer length is no cut this stream can make.
+    if (journal.Length() > 0xFFFFFFFFu ||
+        target.Truncate(static_cast<std::uint32_t>(journal.Length())) != 0) {
         CannotRestore(Platform::FileError(package), file.Shown());
     }
     int error = 0;
