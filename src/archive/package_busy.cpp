@@ -21,7 +21,7 @@ std::chrono::milliseconds::rep FromEnvironment() noexcept {
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
     return *end == '\0' && value >= 0 && value <= kDefaultBound.count() ? value
-                                                                         : kDefaultBound.count();
+                                                                        : kDefaultBound.count();
 }
 
 std::atomic<std::chrono::milliseconds::rep>& Bound() noexcept {
@@ -32,8 +32,7 @@ std::atomic<std::chrono::milliseconds::rep>& Bound() noexcept {
 } // namespace
 
 PackageBusy::PackageBusy(const std::string& shown, std::error_code cause)
-    : Exception(CANNOT_OPEN_FILE_PCK, Format("package is busy: %s", shown.c_str()), cause, shown) {
-}
+    : Exception(CANNOT_OPEN_FILE_PCK, Format("package is busy: %s", shown.c_str()), cause, shown) {}
 
 std::chrono::milliseconds BusyBound() noexcept {
     return std::chrono::milliseconds(Bound().load(std::memory_order_relaxed));
@@ -47,8 +46,8 @@ void BusyBackOff(int attempt, std::chrono::steady_clock::time_point deadline) no
     const auto nap = std::chrono::milliseconds(1 << std::clamp(attempt - 1, 0, 6));
     const auto left = deadline - std::chrono::steady_clock::now();
     if (left > std::chrono::steady_clock::duration::zero()) {
-        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
-            std::min(nap, kLongestNap), left));
+        std::this_thread::sleep_for(
+            std::min<std::chrono::steady_clock::duration>(std::min(nap, kLongestNap), left));
     }
 }
 

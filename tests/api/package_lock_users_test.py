@@ -7,10 +7,8 @@ usage: package_lock_users_test.py --tool PATH
 Needs root; exits 77 (skipped) when it is not root or may not make a mount namespace.
 """
 import argparse
-import fcntl
 import os
 import pathlib
-import struct
 import subprocess
 import sys
 import unittest
