@@ -76,10 +76,11 @@ QobErrorCode_e CallGuarded(const char* name, Body&& body, CallSubject subject = 
                 body();
                 ClearLastError();
                 return SUCCESS;
-            } catch (const PackageBusy&) {
+            } catch (const PackageBusy& busy) {
                 if (!depth.Outermost() || std::chrono::steady_clock::now() >= deadline) {
                     throw;
                 }
+                LogDebug(Format("%s: %s, trying again", name, busy.text()));
             }
             BusyBackOff(attempt, deadline);
         }

@@ -32,7 +32,8 @@ std::atomic<std::chrono::milliseconds::rep>& Bound() noexcept {
 } // namespace
 
 PackageBusy::PackageBusy(const std::string& shown, std::error_code cause)
-    : Exception(CANNOT_OPEN_FILE_PCK, Format("package is busy: %s", shown.c_str()), cause, shown) {}
+    : Exception(Unlogged{}, CANNOT_OPEN_FILE_PCK, Format("package is busy: %s", shown.c_str()),
+                cause, shown) {}
 
 std::chrono::milliseconds BusyBound() noexcept {
     return std::chrono::milliseconds(Bound().load(std::memory_order_relaxed));
