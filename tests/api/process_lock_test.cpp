@@ -125,12 +125,15 @@ void SlowSink(int, const char* text, void*) {
     }
 }
 
+// Two threads inside calls at once (calls share the lock here): the fork waits for both.
 TEST(ProcessLock, ChildForkedDuringAnotherThreadsCallCanCall) {
     QOB_SetLogFn(&SlowSink, nullptr);
-    std::thread inside([] {
+    auto call = [] {
         QOB_EntryInfo entry;
         EXPECT_EQ(QOB_Destructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
-    });
+    };
+    std::thread inside(call);
+    std::thread alsoInside(call);
     while (g_inside == 0) {
         std::this_thread::yield();
     }
@@ -141,6 +144,7 @@ TEST(ProcessLock, ChildForkedDuringAnotherThreadsCallCanCall) {
         ::_exit(QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO) == SUCCESS ? 0 : 1);
     }
     inside.join();
+    alsoInside.join();
     QOB_SetLogFn(&qobtest::SilentSink, nullptr);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
