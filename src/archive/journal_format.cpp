@@ -51,6 +51,7 @@ std::array<std::uint8_t, kHeaderSize> EncodeHeader(const Header& header) noexcep
     Put64(bytes.data() + 24, header.nonce);
     Bytes::Put32(bytes.data() + 32, header.endCrc);
     Bytes::Put32(bytes.data() + 36, header.nameCrc);
+    Bytes::Put32(bytes.data() + 40, header.startCrc);
     Bytes::Put32(bytes.data() + kHeaderCrcAt, Crc(bytes.data(), kHeaderCrcAt));
     return bytes;
 }
@@ -64,7 +65,7 @@ HeaderState DecodeHeader(const std::uint8_t* bytes, std::uint64_t available,
         return HeaderState::OlderVersion;
     }
     if (available < kHeaderSize || Bytes::Get32(bytes + 8) != kVersion ||
-        Bytes::Get32(bytes + 12) != kHeaderSize || Bytes::Get32(bytes + 40) != 0 ||
+        Bytes::Get32(bytes + 12) != kHeaderSize ||
         Bytes::Get32(bytes + kHeaderCrcAt) != Crc(bytes, kHeaderCrcAt)) {
         return HeaderState::Damaged;
     }
@@ -72,6 +73,7 @@ HeaderState DecodeHeader(const std::uint8_t* bytes, std::uint64_t available,
     header.nonce = Get64(bytes + 24);
     header.endCrc = Bytes::Get32(bytes + 32);
     header.nameCrc = Bytes::Get32(bytes + 36);
+    header.startCrc = Bytes::Get32(bytes + 40);
     return HeaderState::Valid;
 }
 

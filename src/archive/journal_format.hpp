@@ -4,7 +4,8 @@
 //   header (48 bytes)   magic "QOBJRNL\0" | u32 version = 2 | u32 header size = 48
 //                       | u64 original length | u64 nonce | u32 CRC-32 of the original
 //                       package's last min(22, length) bytes | u32 CRC-32 of the package's
-//                       file name | u32 zero | u32 CRC-32 of bytes 0..43
+//                       file name | u32 CRC-32 of the original package's first
+//                       min(4096, length) bytes | u32 CRC-32 of bytes 0..43
 //   record (28 + n)     u32 "RCRD" | u64 offset | u64 length n | u32 batch | n bytes
 //                       | u32 CRC-32 over nonce, the 24 header bytes and the n bytes
 //   closing (20 bytes)  u32 "DONE" | u64 new length | u32 batch | u32 CRC-32 over nonce and
@@ -34,12 +35,15 @@ inline constexpr std::uint32_t kClosingMagic = 0x454E4F44; // "DONE"
 inline constexpr std::uint32_t kMaxRecords = 65536;
 // How much of the package's end is bound into the header: an end record without comment.
 inline constexpr std::uint32_t kEndBytes = 22;
+// And of its start: a journal of another package saves the other's end, rarely its start.
+inline constexpr std::uint32_t kStartBytes = 4096;
 
 struct Header {
     std::uint64_t original = 0;
     std::uint64_t nonce = 0;
     std::uint32_t endCrc = 0;
     std::uint32_t nameCrc = 0;
+    std::uint32_t startCrc = 0;
 };
 
 // Invalid: not a journal's header at all (empty, another magic); Damaged: a header of this

@@ -229,17 +229,24 @@ public:
         if (JF::NameCrc(name) != header.nameCrc) {
             Refuse(shown, "bound to another package");
         }
-        // The package as it was must end as it ended when the journal was begun.
-        const std::uint64_t original = header.original;
-        const auto tail =
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(original, JF::kEndBytes));
-        std::array<std::uint8_t, JF::kEndBytes> end{};
+        // The package as it was must start and end as it did when the journal was begun.
         if (!journal->closing_) {
-            if (!journal->ReadAt(io, packageStream, original - tail, end.data(), tail)) {
-                throw Exception(CANNOT_READ_FILE_PCK,
-                                Format("journal \"%s\" could not be read", shown.c_str()));
-            }
-            if (JF::Crc(end.data(), tail) != header.endCrc) {
+            const std::uint64_t original = header.original;
+            const auto tail =
+                static_cast<std::uint32_t>(std::min<std::uint64_t>(original, JF::kEndBytes));
+            const auto head =
+                static_cast<std::uint32_t>(std::min<std::uint64_t>(original, JF::kStartBytes));
+            std::vector<std::uint8_t> bytes(JF::kStartBytes);
+            const auto crcOf = [&](std::uint64_t at, std::uint32_t count) {
+                if (!journal->ReadAt(io, packageStream, at, bytes.data(), count)) {
+                    throw Exception(CANNOT_READ_FILE_PCK,
+                                    Format("journal \"%s\" could not be read", shown.c_str()), {},
+                                    shown);
+                }
+                return JF::Crc(bytes.data(), count);
+            };
+            if (crcOf(original - tail, tail) != header.endCrc ||
+                crcOf(0, head) != header.startCrc) {
                 Refuse(shown, "bound to another package");
             }
         }

@@ -65,10 +65,7 @@ PackageFile::PackageFile(const std::filesystem::path& path, Purpose purpose)
     Open(purpose);
 }
 
-PackageFile::~PackageFile() {
-    overlay_.reset();
-    Platform::FileLockRelease(lock_);
-}
+PackageFile::~PackageFile() = default;
 
 void PackageFile::Open(Purpose purpose) {
     int error = 0;
@@ -105,7 +102,14 @@ void PackageFile::Open(Purpose purpose) {
         stream_.reset(Platform::FileOpenIn(folder_.get(), name_, Platform::OpenAs::Read, error));
     }
     if (!stream_) {
-        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
+        // Where a folder stands in the package's place (Windows opens none), say so.
+        Platform::FileFacts there;
+        int ignored = 0;
+        const bool folder = Platform::FileFactsIn(folder_.get(), name_, there, ignored) &&
+                            !there.regular && writeError == error;
+        throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive",
+                        folder ? std::make_error_code(std::errc::is_a_directory) : Cause(error),
+                        shown_);
     }
     if (!Platform::FileFactsOf(stream_.get(), facts_, error)) {
         throw Exception(INTERNAL_INCONSISTENCY, "failed to open archive", Cause(error), shown_);
@@ -127,10 +131,10 @@ void PackageFile::Open(Purpose purpose) {
 void PackageFile::Lock(bool exclusive) {
     int error = 0;
     if (lock_ == nullptr) {
-        lock_ = Platform::FileLockOn(stream_.get(), exclusive, error);
-    } else if (exclusive != exclusive_ && !Platform::FileLockConvert(lock_, exclusive, error)) {
-        Platform::FileLockRelease(lock_);
-        lock_ = nullptr;
+        lock_.reset(Platform::FileLockOn(stream_.get(), exclusive, error));
+    } else if (exclusive != exclusive_ &&
+               !Platform::FileLockConvert(lock_.get(), exclusive, error)) {
+        lock_.reset();
     }
     if (lock_ == nullptr) {
         if (Platform::FileLockBusy(error)) {

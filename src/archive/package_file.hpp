@@ -19,6 +19,11 @@ struct FolderCloser {
 };
 using FolderPtr = std::unique_ptr<Platform::Folder, FolderCloser>;
 
+struct LockReleaser {
+    void operator()(Platform::FileLock* lock) const noexcept { Platform::FileLockRelease(lock); }
+};
+using LockPtr = std::unique_ptr<Platform::FileLock, LockReleaser>;
+
 class PackageLock;
 
 class PackageFile {
@@ -70,7 +75,7 @@ private:
     StreamPtr stream_;
     Platform::FileFacts facts_;
     bool writable_ = false;
-    Platform::FileLock* lock_ = nullptr;
+    LockPtr lock_; // declared after the stream: released before it closes
     bool exclusive_ = false;
     // A journal that this caller may not apply, laid over the package for reading.
     std::unique_ptr<Journal> overlay_;

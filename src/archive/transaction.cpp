@@ -62,7 +62,7 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
         }
         // Locked before it has a name: nobody can open it as a package before it is whole.
         int ignored = 0; // a file nobody else can reach yet cannot be busy
-        stagedLock_ = Platform::FileLockOn(staged_.get(), true, ignored);
+        stagedLock_.reset(Platform::FileLockOn(staged_.get(), true, ignored));
     }
     Registry()[key_] = this;
     owner_ = true;
@@ -76,7 +76,6 @@ Transaction::~Transaction() {
         RollBack();
     }
     Registry().erase(key_);
-    Platform::FileLockRelease(stagedLock_);
 }
 
 Transaction* Transaction::Find(const std::filesystem::path& package) {
@@ -267,6 +266,13 @@ void Transaction::BeginJournal(void* stream) {
         throw Exception(CANNOT_READ_FILE_PCK, "failed to read package for the journal");
     }
     header.endCrc = JF::Crc(end, tail);
+    std::vector<std::uint8_t> start(
+        static_cast<std::size_t>(std::min<std::uint64_t>(original_, JF::kStartBytes)));
+    if (!file.ReadAt(0, start.data(), static_cast<std::uint32_t>(start.size())) ||
+        !file.SeekTo(*back)) {
+        throw Exception(CANNOT_READ_FILE_PCK, "failed to read package for the journal");
+    }
+    header.startCrc = JF::Crc(start.data(), static_cast<std::uint32_t>(start.size()));
     const std::string folder = file_->ShownFolder();
     const std::string name = JournalName(file_->Name());
     journal_ = std::make_unique<JournalWriter>(

@@ -112,7 +112,7 @@ private:
     // A new package: its file, where it is staged under a name (empty: unnamed), its lock.
     StreamPtr staged_;
     std::string staging_;
-    Platform::FileLock* stagedLock_ = nullptr;
+    LockPtr stagedLock_;
     std::unique_ptr<JournalWriter> journal_;
     std::uint64_t original_ = 0;
     // The file's real length, once the journal is begun, and the length it is to be cut to.

@@ -39,14 +39,15 @@ bool Describe(HANDLE handle, FileFacts& facts, int& error) noexcept {
     return true;
 }
 
+// Folders open only for their facts (FILE_FLAG_BACKUP_SEMANTICS): a folder is never a file to
+// read or write.
 HANDLE OpenName(const Folder* folder, const std::string& name, DWORD access, DWORD disposition,
-                int& error) noexcept {
+                int& error, DWORD folders = 0) noexcept {
     try {
         const std::filesystem::path full = folder->path / std::filesystem::u8path(name);
-        const HANDLE handle = ::CreateFileW(full.c_str(), access, kShareAll, nullptr, disposition,
-                                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT |
-                                                FILE_FLAG_BACKUP_SEMANTICS,
-                                            nullptr);
+        const HANDLE handle =
+            ::CreateFileW(full.c_str(), access, kShareAll, nullptr, disposition,
+                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT | folders, nullptr);
         if (handle == INVALID_HANDLE_VALUE) {
             error = static_cast<int>(::GetLastError());
             if (error == ERROR_PATH_NOT_FOUND) {
@@ -101,9 +102,6 @@ FileStream* FileOpenIn(Folder* folder, const std::string& name, OpenAs how, int&
         access |= GENERIC_WRITE;
     }
     if (how == OpenAs::CreateNew) {
-        // A new file is renamed or deleted through its handle; an existing package is not, and
-        // asking for DELETE would shut out every program that opens it without sharing that.
-        access |= DELETE;
         disposition = CREATE_NEW;
     }
     const HANDLE handle = OpenName(folder, name, access, disposition, error);
@@ -121,7 +119,8 @@ bool FileFactsOf(FileStream* stream, FileFacts& facts, int& error) noexcept {
 }
 
 bool FileFactsIn(Folder* folder, const std::string& name, FileFacts& facts, int& error) noexcept {
-    const HANDLE handle = OpenName(folder, name, FILE_READ_ATTRIBUTES, OPEN_EXISTING, error);
+    const HANDLE handle = OpenName(folder, name, FILE_READ_ATTRIBUTES, OPEN_EXISTING, error,
+                                   FILE_FLAG_BACKUP_SEMANTICS);
     if (handle == INVALID_HANDLE_VALUE) {
         return false;
     }
@@ -136,8 +135,8 @@ bool FileSetPermissions(FileStream*, const FileFacts&, int&) noexcept {
 
 bool FileRemoveIn(Folder* folder, const std::string& name, const FileFacts& expected,
                   int& error) noexcept {
-    const HANDLE handle =
-        OpenName(folder, name, DELETE | FILE_READ_ATTRIBUTES, OPEN_EXISTING, error);
+    const HANDLE handle = OpenName(folder, name, DELETE | FILE_READ_ATTRIBUTES, OPEN_EXISTING,
+                                   error, FILE_FLAG_BACKUP_SEMANTICS);
     if (handle == INVALID_HANDLE_VALUE) {
         return false;
     }
@@ -183,12 +182,16 @@ FileStream* FileCreateStaged(Folder* folder, const std::string& name, std::strin
             char suffix[17];
             std::snprintf(suffix, sizeof suffix, "%08x%08x", device(), device());
             staging = "." + name + "." + suffix + ".partial";
-            FileStream* stream = FileOpenIn(folder, staging, OpenAs::CreateNew, error);
-            if (stream != nullptr || error != ERROR_FILE_EXISTS) {
-                if (stream == nullptr) {
-                    staging.clear();
-                }
-                return stream;
+            // Renamed through this handle later, so it asks for DELETE (only staged files do:
+            // it would shut out every program that opens a package without sharing that).
+            const HANDLE handle =
+                OpenName(folder, staging, GENERIC_READ | GENERIC_WRITE | DELETE, CREATE_NEW, error);
+            if (handle != INVALID_HANDLE_VALUE) {
+                return StreamFromHandle(handle);
+            }
+            if (error != ERROR_FILE_EXISTS && error != ERROR_ALREADY_EXISTS) {
+                staging.clear();
+                return nullptr;
             }
         }
     } catch (...) {

@@ -32,7 +32,8 @@ class Journal:
 
     def header(self):
         body = MAGIC + struct.pack('<IIQQIII', 2, HEADER_SIZE, self.original_length, self.nonce,
-                                   crc(self.original[-22:]), crc(self.name.encode()), 0)
+                                   crc(self.original[-22:]), crc(self.name.encode()),
+                                   crc(self.original[:4096]))
         return body + struct.pack('<I', crc(body))
 
     def record(self, offset, data, batch, nonce=None):
