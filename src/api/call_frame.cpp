@@ -31,6 +31,8 @@ void LogTiming(std::int64_t startTicks, float thresholdSeconds, const char* labe
 
 namespace {
 
+thread_local int t_frameDepth = 0;
+
 // The log line's text, which is also the record's message.
 void Report(LogLevel level, const char* name, const std::string& text) noexcept {
     try {
@@ -59,6 +61,12 @@ void Record(QobErrorCode_e code, const std::string& text, const std::error_code&
 }
 
 } // namespace
+
+FrameDepth::FrameDepth() noexcept : outermost_(t_frameDepth++ == 0) {}
+
+FrameDepth::~FrameDepth() {
+    --t_frameDepth;
+}
 
 QobErrorCode_e ReportFailure(const char* name, CallSubject given) noexcept {
     // Running out of memory while reporting must still return the code: the outer try

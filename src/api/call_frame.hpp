@@ -1,15 +1,17 @@
-// The frame every export but QOB_SetLogFn runs in: machine-wide lock, trace and timing
-// lines, and the mapping of every exception to a result code.
+// The frame every export but QOB_SetLogFn runs in: the cross-process lock, bounded waits for
+// busy packages, trace and timing lines, and the mapping of every exception to a result code.
 #pragma once
 
 #include "api/last_error.hpp"
 #include "api/process_lock.hpp"
 #include "archive/defer.hpp"
+#include "archive/package_busy.hpp"
 #include "platform/platform.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
 #include "support/log.hpp"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -37,21 +39,51 @@ struct CallSubject {
 // record from it and returns its code. Only from inside a catch block.
 QobErrorCode_e ReportFailure(const char* name, CallSubject subject) noexcept;
 
+// The depth of call frames on this thread, for as long as a frame lives.
+class FrameDepth {
+public:
+    FrameDepth() noexcept;
+    ~FrameDepth();
+    FrameDepth(const FrameDepth&) = delete;
+    FrameDepth& operator=(const FrameDepth&) = delete;
+    bool Outermost() const noexcept { return outermost_; }
+
+private:
+    bool outermost_;
+};
+
+// Runs body under the cross-process lock. A package that another holder refuses
+// (PackageBusy) makes the outermost frame let go of everything, back off and run body again
+// from the top, until the bound of package_busy.hpp is spent; the last refusal is then the
+// call's failure. So body must leave what the host gave it untouched until it holds its
+// packages. A nested frame never waits: its caller holds locks.
 template <class Body>
 QobErrorCode_e CallGuarded(const char* name, Body&& body, CallSubject subject = {}) noexcept {
     try {
+        const FrameDepth depth;
         const std::int64_t start = NowTicks();
+        const auto deadline = std::chrono::steady_clock::now() + BusyBound();
         Deferred onSuccess(DeferCondition::OnSuccess,
                            [&] { LogTiming(start, kSlowCallSeconds, "executed for", name); });
         Deferred onFailure(DeferCondition::OnFailure,
                            [&] { LogTiming(start, kSlowCallSeconds, "failed   in ", name); });
-        LogTrace(Format("lock: %s", name));
-        ProcessLockScope lock;
-        LogTiming(start, kSlowCallSeconds, "locked   for", name);
-        LogDebug(Format("call: %s", name));
-        body();
-        ClearLastError();
-        return SUCCESS;
+        for (int attempt = 1;; ++attempt) {
+            try {
+                LogTrace(Format("lock: %s", name));
+                ProcessLockScope lock;
+                LogTiming(start, kSlowCallSeconds, "locked   for", name);
+                LogDebug(Format("call: %s", name));
+                body();
+                ClearLastError();
+                return SUCCESS;
+            } catch (const PackageBusy& busy) {
+                if (!depth.Outermost() || std::chrono::steady_clock::now() >= deadline) {
+                    throw;
+                }
+                LogDebug(Format("%s: %s, trying again", name, busy.text()));
+            }
+            BusyBackOff(attempt, deadline);
+        }
     } catch (...) {
         return ReportFailure(name, subject);
     }

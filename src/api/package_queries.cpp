@@ -51,15 +51,17 @@ void QOB_GetPackageInfo_Unlocked(QOB_PackageInfo* info) {
         throw Exception(INVALID_POINTER, "argument is null");
     }
     RequireValid(*info);
-    // A record read before is emptied first: its lists are released rather than lost, and
-    // nothing of the earlier package survives in the fields this package leaves unset.
-    QOB_Destructor_Unlocked(info, QOB_OBJECT_PACKAGE_INFO);
-    std::memset(&info->files, 0, sizeof(info->files));
-    for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
-        ManifestText(*info, row)[0] = '\0';
-    }
     {
+        // Opened (and locked) before the record is touched: a package that is busy leaves the
+        // host's record as it was.
         Archive archive(PathFromUtf8(info->szPackagePath), true);
+        // A record read before is emptied first: its lists are released rather than lost, and
+        // nothing of the earlier package survives in the fields this package leaves unset.
+        QOB_Destructor_Unlocked(info, QOB_OBJECT_PACKAGE_INFO);
+        std::memset(&info->files, 0, sizeof(info->files));
+        for (std::size_t row = 0; row < kManifestNames.size(); ++row) {
+            ManifestText(*info, row)[0] = '\0';
+        }
         GetPackageInfoInternal(archive, *info);
     }
     if (!IsValid(*info)) {

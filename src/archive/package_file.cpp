@@ -1,5 +1,6 @@
 #include "archive/package_file.hpp"
 
+#include "archive/package_busy.hpp"
 #include "archive/recovery.hpp"
 #include "support/exception.hpp"
 #include "support/format.hpp"
@@ -128,16 +129,19 @@ void PackageFile::Open(Purpose purpose) {
 }
 
 void PackageFile::Lock(bool exclusive) {
+    int error = 0;
     if (lock_ == nullptr) {
-        lock_.reset(Platform::FileLockOn(stream_.get(), exclusive));
-        if (lock_ == nullptr) {
-            throw Exception(CANNOT_OPEN_FILE_PCK,
-                            Format("cannot lock package \"%s\"", shown_.c_str()), {}, shown_);
-        }
-    } else if (exclusive != exclusive_ && !Platform::FileLockConvert(lock_.get(), exclusive)) {
+        lock_.reset(Platform::FileLockOn(stream_.get(), exclusive, error));
+    } else if (exclusive != exclusive_ &&
+               !Platform::FileLockConvert(lock_.get(), exclusive, error)) {
         lock_.reset();
+    }
+    if (lock_ == nullptr) {
+        if (Platform::FileLockBusy(error)) {
+            throw PackageBusy(shown_, Cause(error));
+        }
         throw Exception(CANNOT_OPEN_FILE_PCK, Format("cannot lock package \"%s\"", shown_.c_str()),
-                        {}, shown_);
+                        Cause(error), shown_);
     }
     exclusive_ = exclusive;
 }

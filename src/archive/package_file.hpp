@@ -59,7 +59,8 @@ public:
     MiniZip::zlib_filefunc_def Functions() noexcept;
     void* NewStream();
 
-    // Takes the package's lock, or changes it; throws when the system refuses.
+    // Takes the package's lock, or changes it, trying once: throws PackageBusy when another
+    // holder refuses it (package_busy.hpp), Exception on any other refusal.
     void Lock(bool exclusive);
 
 private:

@@ -61,7 +61,8 @@ Transaction::Transaction(const std::filesystem::path& package, Kind kind)
                             Platform::SystemError(error), file_->Shown());
         }
         // Locked before it has a name: nobody can open it as a package before it is whole.
-        stagedLock_.reset(Platform::FileLockOn(staged_.get(), true));
+        int ignored = 0; // a file nobody else can reach yet cannot be busy
+        stagedLock_.reset(Platform::FileLockOn(staged_.get(), true, ignored));
     }
     Registry()[key_] = this;
     owner_ = true;

@@ -14,8 +14,9 @@ namespace QOB::Platform {
 enum class MoveResult { Moved, TargetExists, Failed };
 struct FileLock;
 
-// Cross-process lock of the calls: one per user session on Windows, one per user on POSIX
-// systems. Recursive for the holding thread; released by the system when its holder dies.
+// Cross-process lock of the calls: one per user session on Windows, exclusive; one per user on
+// POSIX systems, shared by calls (package locks keep packages apart there). Nested calls of a
+// thread only count deeper; released by the system when its holder dies.
 // Acquire returns true when held, or when no lock can exist at all (calls then run without
 // cross-process serialisation). It returns false, holding nothing, when the lock exists but
 // cannot be trusted or taken; problem then says why. Release only after a true Acquire.
@@ -102,9 +103,17 @@ std::uint32_t CallerUser() noexcept;
 bool CallerInGroup(std::uint32_t group) noexcept;
 bool UserInGroup(std::uint32_t user, std::uint32_t group) noexcept;
 
-// An advisory lock on an open file, shared or exclusive; waits as long as needed. Released
-// with FileLockRelease; the file must stay open while the lock is held.
-FileLock* FileLockOn(FileStream* stream, bool exclusive) noexcept;
+// An advisory lock on an open file, shared or exclusive, tried once and never waited for:
+// null with error set when refused, and FileLockBusy(error) tells a holder's refusal from any
+// other. On POSIX systems an exclusive lock needs a file opened for writing, so that a user who
+// may only read a package can hold its writers off but never take it. Released with
+// FileLockRelease; the file must stay open while the lock is held.
+FileLock* FileLockOn(FileStream* stream, bool exclusive, int& error) noexcept;
+// Changes a held lock between shared and exclusive, tried once. False when refused: the lock
+// may then be lost (Windows drops it first), so the caller releases it.
+bool FileLockConvert(FileLock* lock, bool exclusive, int& error) noexcept;
+bool FileLockBusy(int error) noexcept;
+void FileLockRelease(FileLock* lock) noexcept;
 
 // Durability. SyncFile flushes the file's data to the device (any open handle of the file
 // may have written it); SyncDirectory makes the creation, renaming or removal of entries in
@@ -114,18 +123,6 @@ bool SyncDirectory(const std::filesystem::path& directory) noexcept;
 // Tests of atomicity alone (thousands of calls) turn the device flushes off; on by default.
 void SetSyncEnabled(bool enabled) noexcept;
 bool SyncEnabled() noexcept;
-
-// An advisory lock on one package file. The cross-process lock is per user, so calls of
-// different users may run at once: this lock keeps a change of one package (exclusive) from
-// meeting a read or another change of it (shared or exclusive). It waits as long as needed.
-// Null when there is nothing to lock (no such regular file) or the system has no such
-// locks; the call then goes on without it.
-struct FileLock;
-FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noexcept;
-// Changes a held lock between shared and exclusive (not atomically: others may go first).
-// False when the system refused: the lock is then not held at all. True for a null lock.
-bool FileLockConvert(FileLock* lock, bool exclusive) noexcept;
-void FileLockRelease(FileLock* lock) noexcept;
 
 // Seconds since 1970 of the file's last modification; false when the status cannot be read.
 bool FileModificationTime(const std::filesystem::path& path, std::int64_t& seconds) noexcept;

@@ -1,66 +1,75 @@
-// Advisory package locks with flock(2): released by the system when the holder dies.
+// Advisory package locks with open file description locks (fcntl F_OFD_SETLK): released by the
+// system when the holder dies, and, unlike flock, a write lock needs a descriptor open for
+// writing, so a user who may only read a package can never take it exclusively. They are only
+// ever tried: the caller decides how long to come back, never the holder of a lock.
 #include "platform/platform.hpp"
 #include "platform/posix_retry.hpp"
 #include "platform/posix_stream.hpp"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <new>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace QOB::Platform {
+namespace {
+
+// The whole file, including what it may grow by.
+bool TryLock(int fd, short type, int& error) noexcept {
+    struct flock range {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = 0;
+    range.l_len = 0;
+    if (Retrying([&] { return ::fcntl(fd, F_OFD_SETLK, &range); }) == 0) {
+        return true;
+    }
+    error = errno;
+    return false;
+}
+
+} // namespace
 
 struct FileLock {
     int fd;
 };
 
-FileLock* FileLockAcquire(const std::filesystem::path& path, bool exclusive) noexcept {
-    // Non-blocking open: a FIFO in place of a package must not hang the call here.
-    const int fd = Retrying(
-        [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
-    if (fd < 0) {
-        return nullptr;
-    }
-    struct stat status {};
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        Retrying([&] { return ::flock(fd, exclusive ? LOCK_EX : LOCK_SH); }) != 0) {
-        ::close(fd);
-        return nullptr;
-    }
-    FileLock* lock = new (std::nothrow) FileLock{fd};
-    if (lock == nullptr) {
-        ::close(fd);
-    }
-    return lock;
-}
-
-FileLock* FileLockOn(FileStream* stream, bool exclusive) noexcept {
-    // A descriptor of its own: the lock belongs to it, and the stream's stays untouched.
+FileLock* FileLockOn(FileStream* stream, bool exclusive, int& error) noexcept {
+    // A descriptor of its own, on the same open file description (whose lock it is), so that
+    // release can unlock and close it without touching the stream's descriptor.
     const int fd = Retrying([&] { return ::fcntl(StreamDescriptor(stream), F_DUPFD_CLOEXEC, 0); });
     if (fd < 0) {
+        error = errno;
         return nullptr;
     }
-    if (Retrying([&] { return ::flock(fd, exclusive ? LOCK_EX : LOCK_SH); }) != 0) {
+    if (!TryLock(fd, exclusive ? F_WRLCK : F_RDLCK, error)) {
         ::close(fd);
         return nullptr;
     }
     FileLock* lock = new (std::nothrow) FileLock{fd};
     if (lock == nullptr) {
+        int ignored = 0;
+        TryLock(fd, F_UNLCK, ignored);
         ::close(fd);
+        error = ENOMEM;
     }
     return lock;
 }
 
-bool FileLockConvert(FileLock* lock, bool exclusive) noexcept {
-    return lock == nullptr ||
-           Retrying([&] { return ::flock(lock->fd, exclusive ? LOCK_EX : LOCK_SH); }) == 0;
+bool FileLockConvert(FileLock* lock, bool exclusive, int& error) noexcept {
+    // Atomic here: on refusal the lock held before stays held.
+    return lock == nullptr || TryLock(lock->fd, exclusive ? F_WRLCK : F_RDLCK, error);
+}
+
+bool FileLockBusy(int error) noexcept {
+    return error == EAGAIN || error == EACCES || error == EWOULDBLOCK;
 }
 
 void FileLockRelease(FileLock* lock) noexcept {
     if (lock != nullptr) {
-        // Explicitly: a duplicate of the package's own descriptor shares its lock.
-        Retrying([&] { return ::flock(lock->fd, LOCK_UN); });
+        // Explicitly: the package's own descriptor shares this description and stays open.
+        int ignored = 0;
+        TryLock(lock->fd, F_UNLCK, ignored);
         ::close(lock->fd);
         delete lock;
     }

@@ -14,6 +14,10 @@
 // system), calls run unserialised, as on Windows when the mutex cannot be created. When the
 // directory or the file exists but is not safely ours, the call fails instead: running
 // unlocked because someone else put something in the way would let them switch the lock off.
+//
+// Calls take it shared: what keeps a package consistent is the package's own lock, so calls on
+// different packages run at once. It still tells fork when no call is in flight, and a build
+// that takes it exclusively (older ones did) still excludes the calls of this one.
 #include "platform/platform.hpp"
 #include "platform/posix_retry.hpp"
 
@@ -47,46 +51,76 @@ int OpenDirectory(const std::string& path) noexcept {
 
 class ProcessLock {
 public:
-    ProcessLock() noexcept { InitMutex(); }
+    ProcessLock() noexcept { InitSync(); }
 
     // What Acquire found. Unavailable means that the lock cannot be created at all.
     enum class State { Unknown, Ready, Unavailable, Refused };
 
-    // Takes the in-process mutex, then at the outermost level of the thread's nesting the
-    // lock file. On failure nothing is held and problem says why.
+    // Counts the thread in as a call in flight; the first call in flight takes the lock file,
+    // shared: calls on different packages run at once, in threads and in processes, and each
+    // package's own lock keeps them apart. Nested calls of a thread only count deeper. On
+    // failure nothing is held and problem says why.
     bool Acquire(std::string& problem) noexcept {
-        ::pthread_mutex_lock(&mutex_);
-        if (depth_ > 0) {
-            ++depth_;
+        if (t_depth > 0) {
+            ++t_depth;
             return true;
         }
-        const char* why = LockFile();
-        if (why != nullptr) {
-            ::pthread_mutex_unlock(&mutex_);
-            try {
-                problem = why;
-                problem += ": ";
-                problem += where_;
-            } catch (...) {
-            }
-            return false;
+        ::pthread_mutex_lock(&mutex_);
+        while (forking_) {
+            ::pthread_cond_wait(&idle_, &mutex_);
         }
-        ++depth_;
+        if (active_ == 0) {
+            const char* why = LockFile();
+            if (why != nullptr) {
+                ::pthread_mutex_unlock(&mutex_);
+                try {
+                    problem = why;
+                    problem += ": ";
+                    problem += where_;
+                } catch (...) {
+                }
+                return false;
+            }
+        }
+        ++active_;
+        ++t_depth;
+        ::pthread_mutex_unlock(&mutex_);
         return true;
     }
 
     void Release() noexcept {
-        if (--depth_ == 0 && fd_ >= 0) {
-            ::flock(fd_, LOCK_UN);
+        if (--t_depth > 0) {
+            return;
+        }
+        ::pthread_mutex_lock(&mutex_);
+        if (--active_ == 0) {
+            if (fd_ >= 0) {
+                ::flock(fd_, LOCK_UN);
+            }
+            ::pthread_cond_broadcast(&idle_);
         }
         ::pthread_mutex_unlock(&mutex_);
     }
 
-    // fork: the prepare handler waits until no thread of the parent is inside a call (unless
-    // it is the forking thread itself), so the child never starts with a mutex held by a
-    // thread it does not have.
-    void BeforeFork() noexcept { ::pthread_mutex_lock(&mutex_); }
-    void AfterForkInParent() noexcept { ::pthread_mutex_unlock(&mutex_); }
+    // fork: the prepare handler waits until no other thread of the parent is inside a call
+    // (the forking thread itself may be), and lets no new call start, so the child never
+    // starts in the middle of another thread's call.
+    void BeforeFork() noexcept {
+        ::pthread_mutex_lock(&mutex_);
+        while (forking_) {
+            ::pthread_cond_wait(&idle_, &mutex_);
+        }
+        forking_ = true;
+        const int mine = t_depth > 0 ? 1 : 0;
+        while (active_ > mine) {
+            ::pthread_cond_wait(&idle_, &mutex_);
+        }
+    }
+    void AfterForkInParent() noexcept {
+        forking_ = false;
+        ::pthread_cond_broadcast(&idle_);
+        ::pthread_mutex_unlock(&mutex_);
+    }
     void AfterForkInChild() noexcept {
         // The inherited descriptors share the parent's open file description and with it
         // the parent's flock: the child must neither unlock it nor rely on it, so it opens a
@@ -100,14 +134,12 @@ public:
             dirFd_ = -1;
         }
         state_ = State::Unknown;
-        // The child's thread has another kernel id than its parent's, so it cannot unlock
-        // what the parent's thread locked: the mutex starts afresh. If the forking thread was
-        // inside calls (depth_ > 0: only it could have been, as it holds the mutex here), the
-        // child goes on inside them and holds the new mutex as often.
-        InitMutex();
-        for (int i = 0; i < depth_; ++i) {
-            ::pthread_mutex_lock(&mutex_);
-        }
+        // The child has only the forking thread: if it was inside calls it goes on inside
+        // them, alone. The mutex and condition start afresh, as the parent's may not be
+        // unlocked by another process.
+        forking_ = false;
+        active_ = t_depth > 0 ? 1 : 0;
+        InitSync();
     }
 
 private:
@@ -126,7 +158,7 @@ private:
                 state_ = State::Unknown; // look again next time: the obstacle may be gone
                 return why;
             }
-            if (Retrying([&] { return ::flock(fd_, LOCK_EX); }) != 0) {
+            if (Retrying([&] { return ::flock(fd_, LOCK_SH); }) != 0) {
                 Reset();
                 return "cannot lock the lock file";
             }
@@ -246,17 +278,19 @@ private:
         }
     }
 
-    void InitMutex() noexcept {
-        pthread_mutexattr_t attributes;
-        ::pthread_mutexattr_init(&attributes);
-        ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-        ::pthread_mutex_init(&mutex_, &attributes);
-        ::pthread_mutexattr_destroy(&attributes);
+    void InitSync() noexcept {
+        ::pthread_mutex_init(&mutex_, nullptr);
+        ::pthread_cond_init(&idle_, nullptr);
     }
 
+    // The calls of this thread in flight, nested ones counted.
+    static thread_local int t_depth;
+
     pthread_mutex_t mutex_;
+    pthread_cond_t idle_; // signalled when the last call in flight ends, and after a fork
     // All below guarded by mutex_.
-    int depth_ = 0;
+    bool forking_ = false;
+    int active_ = 0; // threads inside calls
     int fd_ = -1;
     int dirFd_ = -1;
     State state_ = State::Unknown;
@@ -266,6 +300,8 @@ private:
 
 // Constructed at load (no file is touched then) and never destroyed, so that exports called
 // from other static destructors still find it.
+thread_local int ProcessLock::t_depth = 0;
+
 alignas(ProcessLock) unsigned char g_lockStorage[sizeof(ProcessLock)];
 ProcessLock* const g_lock = [] {
     auto* lock = new (g_lockStorage) ProcessLock();

@@ -61,6 +61,13 @@ Exception::Exception(QobErrorCode_e code, const std::string& text, std::error_co
     LogError("Exception: " + text);
 }
 
+Exception::Exception(Unlogged, QobErrorCode_e code, const std::string& text, std::error_code cause,
+                     const std::string& subject)
+    : code_(code), message_(std::string("[") + ErrorName(code) + "] "), textStart_(message_.size()),
+      cause_(cause), subject_(subject) {
+    message_ += text;
+}
+
 void Exception::AddContext(std::error_code cause, const std::string& subject) {
     if (!cause_) {
         cause_ = cause;

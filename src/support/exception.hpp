@@ -23,6 +23,11 @@ public:
     Exception(QobErrorCode_e code, const std::string& text);
     Exception(QobErrorCode_e code, const std::string& text, std::error_code cause,
               const std::string& subject);
+    // The same without the log line, for a failure that is usually retried (its final
+    // occurrence is logged where it is reported).
+    struct Unlogged {};
+    Exception(Unlogged, QobErrorCode_e code, const std::string& text, std::error_code cause,
+              const std::string& subject);
 
     QobErrorCode_e code() const noexcept { return code_; }
     const char* what() const noexcept override { return message_.c_str(); }

@@ -3,6 +3,8 @@
 //   lock_child append FILE TAG COUNT   append COUNT lines "TAG i" to FILE, slowly
 //   lock_child die FILE                write "holding" to FILE, then die without unlocking
 //   lock_child hold FILE MS            write "holding" to FILE, hold the lock MS milliseconds
+//   lock_child until FILE SIGNAL       write "holding" to FILE, hold the lock until SIGNAL
+//                                      exists (a minute at most)
 //   lock_child call -                  one call; prints its result and why it failed
 #include <qob/qob.h>
 
@@ -17,7 +19,7 @@
 
 namespace {
 
-std::string g_mode, g_file, g_tag;
+std::string g_mode, g_file, g_tag, g_signal;
 int g_count = 0;
 
 void Sink(int, const char* text, void*) {
@@ -33,6 +35,14 @@ void Sink(int, const char* text, void*) {
             out << g_tag << ' ' << i << '\n';
             out.close();
             std::this_thread::sleep_for(std::chrono::milliseconds(15));
+        }
+    } else if (g_mode == "until") {
+        {
+            std::ofstream out(g_file, std::ios::binary);
+            out << "holding\n";
+        }
+        for (int i = 0; i < 6000 && !std::ifstream(g_signal).good(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     } else if (g_mode == "die" || g_mode == "hold") {
         {
@@ -71,6 +81,11 @@ int main(int argc, char** argv) {
             return 2;
         }
         g_count = std::atoi(argv[3]);
+    } else if (g_mode == "until") {
+        if (argc < 4) {
+            return 2;
+        }
+        g_signal = argv[3];
     }
     QOB_SetLogFn(&Sink, nullptr);
     QOB_EntryInfo entry;

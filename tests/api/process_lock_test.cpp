@@ -27,6 +27,8 @@ std::string Quote(const std::filesystem::path& path) {
     return "\"" + path.string() + "\"";
 }
 
+#if defined(_WIN32)
+// Windows keeps one machine-wide mutex around every call.
 TEST(ProcessLock, TwoHoldersNeverInterleave) {
     qobtest::TempDir dir;
     const auto file = dir / "shared.txt";
@@ -53,6 +55,28 @@ TEST(ProcessLock, TwoHoldersNeverInterleave) {
     EXPECT_EQ(next["B"], 12);
     EXPECT_EQ(changes, 2) << "the two holders interleaved";
 }
+#else
+// Elsewhere calls share the per-user lock (package locks keep packages apart): a call of a
+// second process completes while the first is inside its call, which it cannot leave before
+// the signal.
+TEST(ProcessLock, CallsOfTwoProcessesRunAtOnce) {
+    qobtest::TempDir dir;
+    const auto marker = dir / "holding.txt";
+    const auto signal = dir / "go.txt";
+    std::atomic<bool> holderDone{false};
+    std::thread holder([&] {
+        EXPECT_EQ(qobtest::Run(kChild + " until " + Quote(marker) + " " + Quote(signal)), 0);
+        holderDone = true;
+    });
+    while (!std::filesystem::exists(marker)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(qobtest::Run(kChild + " append " + Quote(dir / "other.txt") + " B 1"), 0);
+    EXPECT_FALSE(holderDone);
+    qobtest::WriteFile(signal, "go");
+    holder.join();
+}
+#endif
 
 TEST(ProcessLock, DeadHolderDoesNotBlockTheNextCaller) {
     qobtest::TempDir dir;
@@ -101,12 +125,15 @@ void SlowSink(int, const char* text, void*) {
     }
 }
 
+// Two threads inside calls at once (calls share the lock here): the fork waits for both.
 TEST(ProcessLock, ChildForkedDuringAnotherThreadsCallCanCall) {
     QOB_SetLogFn(&SlowSink, nullptr);
-    std::thread inside([] {
+    auto call = [] {
         QOB_EntryInfo entry;
         EXPECT_EQ(QOB_Destructor(&entry, QOB_OBJECT_ENTRY_INFO), SUCCESS);
-    });
+    };
+    std::thread inside(call);
+    std::thread alsoInside(call);
     while (g_inside == 0) {
         std::this_thread::yield();
     }
@@ -117,6 +144,7 @@ TEST(ProcessLock, ChildForkedDuringAnotherThreadsCallCanCall) {
         ::_exit(QOB_Constructor(&entry, QOB_OBJECT_ENTRY_INFO) == SUCCESS ? 0 : 1);
     }
     inside.join();
+    alsoInside.join();
     QOB_SetLogFn(&qobtest::SilentSink, nullptr);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
