@@ -59,8 +59,12 @@ bool IsLink(int dirFd, const char* name) noexcept {
 // and attempts; O_EXCL settles any collision that is left.
 std::string TemporaryName(const std::string& name) {
     static std::atomic<unsigned> counter{0};
-    return "." + name.substr(0, 200) + "." + std::to_string(::getpid()) + "-" +
-           std::to_string(counter.fetch_add(1)) + ".qobtmp";
+    // Appended piece by piece: GCC 12 misreads a chain of string additions as overlapping.
+    std::string temporary(".");
+    temporary.append(name, 0, 200);
+    temporary.append(".").append(std::to_string(::getpid())).append("-");
+    temporary.append(std::to_string(counter.fetch_add(1))).append(".qobtmp");
+    return temporary;
 }
 
 bool UsableName(const std::filesystem::path& name) noexcept {
